@@ -1,0 +1,103 @@
+// The base class of every plug-in (a rovik): one object, one thread, one descriptor, one timer.
+//
+// The life of a rovik, as its framework drives it:
+//
+//   maker() -> constructor      `id` and `name` are already set
+//           -> interpretCmd...  the configuration, one command at a time
+//           -> start            the thread runs main(), the event loop
+//                selectFD       `fd` is readable
+//                selectMM       a message for this rovik has arrived
+//                selectTI       `timer` has expired
+//                interpretCmd   a command came in; between two events
+//           -> stop             the thread ends
+//           -> delete
+//
+// One thread at a time is ever inside a rovik: before the thread runs, commands are called
+// directly; afterwards the framework hands them to the rovik's own thread. A rovik therefore needs
+// no lock for its own members.
+#pragma once
+
+#include <cjson/cJSON.h>
+#include <sys/select.h>
+
+#include <memory>
+#include <string>
+
+#include "RovikMessage.h"
+#include "Thread.h"
+#include "TimeValue.h"
+#include "Timer.h"
+
+namespace drovane {
+class RovikHost;
+}
+
+// Kinds of rovik.
+enum RovikTypes : int {
+  MT_NETWORK_GENERIC = 1,
+  MT_LUA = 8,
+};
+
+class Rovik : public Thread {
+ public:
+  // How one key is written inside and outside the system.
+  struct Translation {
+    Translation(std::string its_key, std::string in, std::string out);
+    std::string key;
+    std::string map_in;
+    std::string map_out;
+  };
+
+  // Takes over the id and the name that the loader has set aside for the constructing thread.
+  Rovik();
+
+  // The event loop. Not for plug-ins to override.
+  int main() override;
+  ~Rovik() override;
+  int stop() override;
+
+  // One configuration command. `arg` is a null-terminated vector of at least ten entries, null
+  // where no word was given; arg[0] is the keyword. The words are the framework's and may be
+  // written to. Returns the reply: a text that begins with "ERROR" on failure, "" when nothing
+  // handled the word.
+  virtual std::string interpretCmd(char** arg);
+
+  // Adds the plug-in's own items to a description object of the framework's. Returns 0.
+  virtual int getDescription(cJSON* desc_json);
+
+  // The event slots; each returns 0 when it has handled the event, errors included.
+  // `msg` is the framework's and may be shared: read it, copy it, do not change or destroy it.
+  virtual int selectMM(RovikMessage* msg);
+  virtual int selectFD();
+  virtual int selectTI();
+
+ protected:
+  // Queues a copy of `msg` for its destination and returns at once; the caller still owns `msg`.
+  // What is still zero is filled in on the copy: seqnr, src, src_s and a data value's time. From
+  // inside a slot or a command the copy leaves when that returns, when 64 are waiting, or when the
+  // rovik sends a request and waits. Any thread may call. 0, or -1 when nobody has that address.
+  int messageSnd(RovikMessage* msg);
+
+  // Sends `msg`, a request, and waits at most 5 s for the answer: a message of a reply kind
+  // (MM_DATA, MM_CMD_RESPONSE) that is addressed to this rovik and carries the request's seqnr.
+  // Returns it, the caller's to destroy, or null: nobody has that address (at once), no answer
+  // came, or the rovik is being stopped. The rovik does nothing else meanwhile. Only the thread
+  // that is inside the rovik may call.
+  RovikMessage* messageSndBlock(RovikMessage* msg);
+
+  // Records `text` as the current warning, with its time, for the status display. Any thread.
+  void setWarning(std::string text);
+
+  int fd;            // what the loop waits on; -1 when none. The loop reads it anew on each pass
+  TimeValue period;  // armed when the thread starts, unless the timer already is, and again on
+                     // each expiry before selectTI
+  Timer timer;
+  fd_set readfds;  // what the loop's last wait found readable; fd must be below FD_SETSIZE
+  int id;          // 1 to 16000
+  int type;        // a RovikTypes value
+  std::string name;
+
+ private:
+  friend class drovane::RovikHost;
+  std::unique_ptr<drovane::RovikHost> host;
+};
