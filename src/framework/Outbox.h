@@ -1,0 +1,73 @@
+// The sending side of one address: stamps what is sent, finds the receivers, hands messages over in
+// batches.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Mailbox.h"
+#include "Router.h"
+#include "RovikMessage.h"
+
+namespace drovane {
+
+class Outbox {
+ public:
+  // `own` is the sender's own mailbox: its id and name are stamped on messages, and broadcasts
+  // leave it out.
+  explicit Outbox(std::shared_ptr<Mailbox> own);
+  ~Outbox();
+  Outbox(const Outbox&) = delete;
+  Outbox& operator=(const Outbox&) = delete;
+
+  // --- The thread that is inside the rovik
+  // --------------------------------------------------------
+
+  // Routes a copy of `msg`; it waits here until flush, or until enough messages wait. Returns how
+  // many receivers it has, or -1 when nobody has the address.
+  int send(const RovikMessage& msg);
+
+  // Hands a copy of `msg` over at once, after telling the own mailbox which reply to expect.
+  // Returns the sequence number that the reply will carry, 0 when nobody receives the request.
+  std::uint32_t sendRequest(const RovikMessage& msg);
+
+  // Hands over what waits.
+  void flush();
+
+  // True while a mailbox that this sender feeds has not drained; `waker` is woken when it has.
+  bool heldBack();
+
+  // --- Any thread --------------------------------------------------------------------------------
+
+  // Routes a copy of `msg` and hands it over at once.
+  int sendNow(const RovikMessage& msg);
+
+  std::uint64_t sent() const { return sent_count.load(std::memory_order_relaxed); }
+
+ private:
+  struct Pending {
+    Mailbox* to;
+    RovikMessage* msg;
+  };
+  static constexpr std::size_t kBatch = 64;
+
+  void stamp(RovikMessage& msg) const;
+  int route(const AddressTable& table, const RovikMessage& msg, std::vector<Pending>& out);
+  int addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out);
+  int broadcast(const AddressTable& table, RovikMessage* copy, std::vector<Pending>& out);
+  static void handOver(const std::vector<Pending>& out, std::vector<RovikMessage*>& run);
+  void noteCrowd(Mailbox& mailbox);
+  const AddressTable& currentTable();
+
+  const std::shared_ptr<Mailbox> own;
+  std::shared_ptr<const AddressTable> table;
+  std::uint64_t table_version = 0;
+  std::vector<Pending> pending;
+  std::vector<RovikMessage*> batch;
+  std::vector<std::shared_ptr<Mailbox>> crowded;
+  std::atomic<std::uint64_t> sent_count{0};
+};
+
+}  // namespace drovane

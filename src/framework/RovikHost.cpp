@@ -1,0 +1,204 @@
+#include "RovikHost.h"
+
+#include <poll.h>
+
+#include <array>
+#include <condition_variable>
+#include <ctime>
+#include <mutex>
+#include <utility>
+
+#include "Clock.h"
+#include "Drovane.h"
+#include "Log.h"
+#include "MessageJson.h"
+#include "RecordPool.h"
+#include "RovikUtil.h"
+#include "Slot.h"
+#include "Words.h"
+
+namespace drovane {
+thread_local const RovikHost* InsideRovik::current = nullptr;
+
+RovikHost::RovikHost(Rovik& its_rovik, const Identity& identity)
+    : rovik(its_rovik),
+      waker(std::make_shared<Waker>()),
+      mailbox(std::make_shared<Mailbox>(identity.id, identity.name, waker)),
+      outbox(mailbox) {}
+
+RovikHost::~RovikHost() {
+  Router::global().remove(*mailbox);
+  mailbox->close();
+  for (; batch_done < batch.size(); ++batch_done) RecordPool::release(batch[batch_done]);
+}
+
+RovikHost& RovikHost::of(Rovik& rovik) { return *rovik.host; }
+
+bool RovikHost::enterRouter() { return Router::global().add(mailbox); }
+
+int RovikHost::start() {
+  {
+    MutexLock guard(lock);
+    accepting = true;
+  }
+  running.store(true, std::memory_order_release);
+  const int error = rovik.start(rovik.name.c_str());
+  if (error != 0) {
+    running.store(false, std::memory_order_release);
+    endCommands();
+  }
+  return error;
+}
+
+void RovikHost::askToStop() {
+  rovik.askToStop();
+  waker->wake();
+}
+
+int RovikHost::messageSnd(RovikMessage* msg) {
+  if (msg == nullptr) return -1;
+  const int receivers = InsideRovik::is(this) ? outbox.send(*msg) : outbox.sendNow(*msg);
+  return receivers < 0 ? -1 : 0;
+}
+
+RovikMessage* RovikHost::messageSndBlock(RovikMessage* msg) {
+  if (msg == nullptr || rovik.stopping()) return nullptr;
+  if (outbox.sendRequest(*msg) == 0) return nullptr;
+  RovikMessage* reply = awaitReply();
+  mailbox->expectReply(0);
+  return reply;
+}
+
+RovikMessage* RovikHost::awaitReply() {
+  using std::chrono::nanoseconds;
+  const std::int64_t deadline = Clock::now() + nanoseconds(kPatience).count();
+  while (true) {
+    waker->aboutToSleep();
+    RovikMessage* reply = mailbox->fetchReply();
+    const std::int64_t left = deadline - Clock::now();
+    const bool over = reply != nullptr || left <= 0 || rovik.stopping();
+    if (!over) pollFor(left, -1);
+    waker->awake();
+    if (over) return reply;
+  }
+}
+
+void RovikHost::setWarning(std::string text) {
+  Log::makeOneLine(text);
+  MutexLock guard(lock);
+  warning = std::move(text);
+  warning_time = std::time(nullptr);
+  ++warning_count;
+}
+
+bool RovikHost::pollFor(std::int64_t nanoseconds, int link) {
+  std::array<pollfd, 2> watched = {{{waker->descriptor(), POLLIN, 0}, {link, POLLIN, 0}}};
+  timespec limit{};
+  limit.tv_sec = static_cast<time_t>(nanoseconds / Clock::kNanosecondsPerSecond);
+  limit.tv_nsec = static_cast<long>(nanoseconds % Clock::kNanosecondsPerSecond);
+  // An error or a closed descriptor counts as readable: the rovik's read tells it the reason.
+  // poll(2) passes over a negative descriptor.
+  const int ready =
+      ppoll(watched.data(), watched.size(), nanoseconds < 0 ? nullptr : &limit, nullptr);
+  return ready > 0 && watched[1].revents != 0;
+}
+
+// Whatever a command sends leaves when it returns.
+std::string RovikHost::interpret(const std::vector<std::string>& words) {
+  const InsideRovik here(this);
+  CommandVector vector(words);
+  std::string reply;
+  runSlot([&] { reply = rovik.interpretCmd(vector.get()); },
+          [&](const char* what) { reply = exceptionIn("interpretCmd", what); });
+  outbox.flush();
+  publishState();
+  publishDescription();
+  return reply;
+}
+
+CommandResult RovikHost::command(std::vector<std::string> words) {
+  if (!running.load(std::memory_order_acquire)) return {true, interpret(words)};
+  struct Turn {
+    std::mutex lock;
+    std::condition_variable over;
+    bool done = false;
+    CommandResult result;
+  };
+  const auto turn = std::make_shared<Turn>();
+  const auto waiting =
+      std::make_shared<Command>(std::move(words), [turn](const CommandResult& result) {
+        const std::lock_guard guard(turn->lock);
+        turn->result = result;
+        turn->done = true;
+        turn->over.notify_one();
+      });
+  if (!post(waiting)) return {false, "the rovik is being stopped"};
+  std::unique_lock guard(turn->lock);
+  if (!turn->over.wait_for(guard, kPatience, [&] { return turn->done; }) && waiting->withdraw())
+    return {false, "no turn within 5 s: the rovik is busy"};
+  turn->over.wait(guard, [&] { return turn->done; });
+  return turn->result;
+}
+
+bool RovikHost::post(const std::shared_ptr<Command>& command) {
+  {
+    MutexLock guard(lock);
+    if (!accepting) return false;
+    commands.push_back(command);
+  }
+  commands_wait.store(true, std::memory_order_release);
+  waker->wake();
+  return true;
+}
+
+void RovikHost::endCommands() {
+  std::deque<std::shared_ptr<Command>> refused;
+  {
+    MutexLock guard(lock);
+    accepting = false;
+    refused.swap(commands);
+  }
+  for (const auto& command : refused)
+    if (command->withdraw()) command->done({false, "the rovik is being stopped"});
+}
+
+void RovikHost::publishState() { link_open.store(rovik.fd >= 0, std::memory_order_relaxed); }
+
+void RovikHost::publishDescription() {
+  const Json json(cJSON_CreateObject());
+  runSlot([&] { rovik.getDescription(json.get()); },
+          [this](const char* what) { exceptionIn("getDescription", what); });
+  std::string text = jsonLine(json.get());
+  MutexLock guard(lock);
+  description = std::move(text);
+  type = rovik.type;
+}
+
+std::string RovikHost::exceptionIn(const char* slot, const char* what) {
+  Drovane::global.log(LOG_LEVEL_ERROR, mailbox->id, mailbox->name, "exception in %s: %s\n", slot,
+                      what);
+  setWarning(RovikUtil::vsnprintftostr("exception in %s: %s\n", slot, what));
+  return "ERROR (EXCEPTION)";
+}
+
+RovikStatus RovikHost::status() const {
+  RovikStatus now;
+  now.id = mailbox->id;
+  now.name = mailbox->name;
+  now.running = running.load(std::memory_order_relaxed);
+  now.link_open = link_open.load(std::memory_order_relaxed);
+  now.held_back = held_back.load(std::memory_order_relaxed);
+  now.queued = mailbox->depth();
+  now.received = mailbox->received();
+  now.sent = outbox.sent();
+  now.dropped = mailbox->dropped();
+  MutexLock guard(lock);
+  now.warning = warning;
+  now.warning_time = warning_time;
+  now.warning_count = warning_count;
+  now.description = description;
+  now.type = type;
+  return now;
+}
+
+}  // namespace drovane

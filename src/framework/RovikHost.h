@@ -1,0 +1,134 @@
+// Everything that the framework keeps about one rovik, and the loop that drives it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Command.h"
+#include "Identity.h"
+#include "Mailbox.h"
+#include "Mutex.h"
+#include "Outbox.h"
+#include "Rovik.h"
+#include "RovikMessage.h"
+
+namespace drovane {
+
+// What the status display shows of one rovik.
+struct RovikStatus {
+  int id = 0;
+  std::string name;
+  int type = 0;
+  bool running = false;  // its thread is
+  bool link_open = false;
+  bool held_back = false;  // does not read its link until a receiver has caught up
+  std::size_t queued = 0;
+  std::uint64_t received = 0;
+  std::uint64_t sent = 0;
+  std::uint64_t dropped = 0;
+  std::string warning;            // the last one, without the line end; empty when there was none
+  std::int64_t warning_time = 0;  // seconds since 1970
+  std::uint64_t warning_count = 0;
+  std::string description;  // the description object as JSON
+};
+
+class RovikHost {
+ public:
+  // How long a command waits for its turn, and a request for its reply.
+  static constexpr std::chrono::seconds kPatience{5};
+
+  RovikHost(Rovik& its_rovik, const Identity& identity);
+  ~RovikHost();
+  RovikHost(const RovikHost&) = delete;
+  RovikHost& operator=(const RovikHost&) = delete;
+
+  static RovikHost& of(Rovik& rovik);
+
+  // --- The owner of the rovik, one thread
+  // ---------------------------------------------------------
+
+  // Gives the rovik its address. False when its id or name is taken.
+  bool enterRouter();
+  // Starts the rovik's thread. 0 or the error number of pthread_create(3).
+  int start();
+  // Lets the loop end after the event in hand, without waiting: Rovik::stop then waits.
+  void askToStop();
+
+  // --- Any thread --------------------------------------------------------------------------------
+
+  // Runs a command inside the rovik: directly when its thread does not run, else on its thread,
+  // waiting for the turn at most kPatience. Not for the rovik's own thread.
+  CommandResult command(std::vector<std::string> words);
+
+  // Queues a command for the rovik's thread and returns at once. False when the thread does not
+  // run; the command is then untouched.
+  bool post(const std::shared_ptr<Command>& command);
+
+  RovikStatus status() const;
+  const Mailbox& address() const { return *mailbox; }
+
+  // What a rovik calls through its base class.
+  int messageSnd(RovikMessage* msg);
+  RovikMessage* messageSndBlock(RovikMessage* msg);
+  void setWarning(std::string text);
+
+  // The thread body.
+  int run();
+
+ private:
+  // The loop (RovikLoop.cpp).
+  bool waitForEvents();
+  bool workWaits();
+  std::int64_t timeLeft() const;
+  void dispatchLink();
+  void dispatchMessages();
+  void dispatchMessage(RovikMessage* msg);
+  void answerCommandRequest(const MMCmdRequest& request);
+  void dispatchCommands();
+  void dispatchTimer();
+  template <typename Slot>
+  void slot(const char* slot_name, Slot body);
+  void endCommands();
+
+  // Sleeps until the waker rings, `link` is readable (-1: none) or the time is over (negative:
+  // never). True when the link is readable.
+  bool pollFor(std::int64_t nanoseconds, int link);
+  RovikMessage* awaitReply();
+
+  std::string interpret(const std::vector<std::string>& words);
+  std::string exceptionIn(const char* slot_name, const char* what);
+  void publishState();
+  void publishDescription();
+
+  Rovik& rovik;
+  const std::shared_ptr<Waker> waker;
+  const std::shared_ptr<Mailbox> mailbox;
+
+  // Whoever is inside the rovik: its thread, or the owner before that runs.
+  Outbox outbox;
+  std::vector<RovikMessage*> batch;  // taken from the mailbox, in order
+  std::size_t batch_done = 0;
+
+  std::atomic<bool> running{false};
+  std::atomic<bool> link_open{false};
+  std::atomic<bool> held_back{false};
+  std::atomic<bool> commands_wait{false};
+
+  mutable Mutex lock;
+  std::deque<std::shared_ptr<Command>> commands DROVANE_GUARDED_BY(lock);
+  bool accepting DROVANE_GUARDED_BY(lock) = false;  // commands, because the loop runs
+  std::string warning DROVANE_GUARDED_BY(lock);
+  std::int64_t warning_time DROVANE_GUARDED_BY(lock) = 0;
+  std::uint64_t warning_count DROVANE_GUARDED_BY(lock) = 0;
+  std::string description DROVANE_GUARDED_BY(lock);
+  int type DROVANE_GUARDED_BY(lock) = 0;
+};
+
+}  // namespace drovane

@@ -1,0 +1,130 @@
+// The event loop of a rovik: wait for the link, the timer, messages and commands, and call the
+// slot of each. Everything a rovik does after its start happens below run().
+#include "Clock.h"
+#include "RecordPool.h"
+#include "RovikHost.h"
+#include "Slot.h"
+#include "Words.h"
+
+namespace drovane {
+namespace {
+
+// A batch larger than this gives its memory back after it is done.
+constexpr std::size_t kKeptBatch = 4 * Mailbox::kHighWater;
+
+}  // namespace
+
+int RovikHost::run() {
+  publishDescription();
+  rovik.timer.set(rovik.period, true);
+  while (!rovik.stopping()) {
+    if (waitForEvents()) dispatchLink();
+    dispatchMessages();
+    dispatchCommands();
+    dispatchTimer();
+  }
+  endCommands();
+  running.store(false, std::memory_order_release);
+  return 0;
+}
+
+// True when the link is readable. While a receiver of this rovik's messages has not caught up, the
+// link is left alone, so that its peer is slowed down.
+bool RovikHost::waitForEvents() {
+  publishState();
+  FD_ZERO(&rovik.readfds);
+  const bool full = outbox.heldBack();
+  held_back.store(full, std::memory_order_relaxed);
+  const int link = full ? -1 : rovik.fd;
+  waker->aboutToSleep();
+  const bool busy = workWaits();
+  const bool readable = busy && link < 0 ? false : pollFor(busy ? 0 : timeLeft(), link);
+  waker->awake();
+  if (readable && link < FD_SETSIZE) FD_SET(link, &rovik.readfds);
+  return readable;
+}
+
+bool RovikHost::workWaits() {
+  return batch_done < batch.size() || !mailbox->empty() || rovik.stopping() ||
+         commands_wait.load(std::memory_order_acquire);
+}
+
+// Nanoseconds until the timer expires; negative when it is not armed.
+std::int64_t RovikHost::timeLeft() const {
+  const auto expiry = rovik.timer.expiry();
+  return expiry ? std::max<std::int64_t>(*expiry - Clock::now(), 0) : -1;
+}
+
+// Runs one slot; what it sends leaves when it has returned.
+template <typename Slot>
+void RovikHost::slot(const char* slot_name, Slot body) {
+  const InsideRovik here(this);
+  runSlot(body, [&](const char* what) { exceptionIn(slot_name, what); });
+}
+
+void RovikHost::dispatchLink() {
+  slot("selectFD", [this] { rovik.selectFD(); });
+  outbox.flush();
+}
+
+// At most for one tick of the kernel's clock, so that the link, commands and the timer have their
+// turn however many messages wait. What the slots send leaves in batches meanwhile.
+void RovikHost::dispatchMessages() {
+  if (batch_done == batch.size()) {
+    batch.clear();
+    batch_done = 0;
+    mailbox->take(batch);
+  }
+  if (batch.empty()) return;
+  const std::int64_t begun = Clock::coarse();
+  while (batch_done < batch.size() && !rovik.stopping()) {
+    dispatchMessage(batch[batch_done++]);
+    if (commands_wait.load(std::memory_order_relaxed) || Clock::coarse() != begun) break;
+  }
+  outbox.flush();
+  mailbox->left(batch.size() - batch_done);
+  if (batch_done == batch.size() && batch.capacity() > kKeptBatch) batch = {};
+}
+
+void RovikHost::dispatchMessage(RovikMessage* msg) {
+  slot("selectMM", [&] { rovik.selectMM(msg); });
+  if (msg->type == MM_CMD_REQUEST) answerCommandRequest(static_cast<const MMCmdRequest&>(*msg));
+  RecordPool::release(msg);
+}
+
+void RovikHost::answerCommandRequest(const MMCmdRequest& request) {
+  const WordsOrError line = splitWords(request.cmd);
+  auto* response = static_cast<MMCmdResponse*>(RovikMessage::create(MM_CMD_RESPONSE));
+  if (response == nullptr) return;
+  response->seqnr = request.seqnr;
+  response->dst = request.src;
+  response->rsp = line.error.empty() ? interpret(line.words) : "ERROR (" + line.error + ")";
+  const InsideRovik here(this);
+  outbox.send(*response);
+  RovikMessage::destroy(response);
+}
+
+void RovikHost::dispatchCommands() {
+  while (commands_wait.load(std::memory_order_acquire) && !rovik.stopping()) {
+    std::shared_ptr<Command> command;
+    {
+      MutexLock guard(lock);
+      if (!commands.empty()) {
+        command = std::move(commands.front());
+        commands.pop_front();
+      }
+      commands_wait.store(!commands.empty(), std::memory_order_release);
+    }
+    if (command && command->begin()) command->done({true, interpret(command->words)});
+  }
+}
+
+void RovikHost::dispatchTimer() {
+  const auto expiry = rovik.timer.expiry();
+  if (!expiry || *expiry > Clock::now()) return;
+  rovik.timer.set(rovik.period, false);
+  slot("selectTI", [this] { rovik.selectTI(); });
+  outbox.flush();
+}
+
+}  // namespace drovane

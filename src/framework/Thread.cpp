@@ -1,0 +1,64 @@
+#include "Thread.h"
+
+#include <signal.h>
+
+#include <cstddef>
+#include <string>
+
+namespace {
+
+// Room for scripts that recurse to the interpreter's own limit, and small enough that a thousand
+// threads fit into a 32-bit address space.
+constexpr std::size_t kStackSize = 2 * 1024 * 1024;
+
+// New threads inherit the mask of their maker: block everything around the creation.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before{};
+};
+
+}  // namespace
+
+Thread::Thread() : handle(), started(false), asked(false) {}
+
+Thread::~Thread() = default;
+
+void* Thread::body(void* self) {
+  static_cast<Thread*>(self)->main();
+  return nullptr;
+}
+
+int Thread::start(const char* label) {
+  if (started) return 0;
+  asked.store(false, std::memory_order_release);
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, kStackSize);
+  int error = 0;
+  {
+    const SignalsBlocked blocked;
+    error = pthread_create(&handle, &attributes, body, this);
+  }
+  pthread_attr_destroy(&attributes);
+  if (error != 0) return error;
+  started = true;
+  pthread_setname_np(handle, std::string(label).substr(0, 15).c_str());
+  return 0;
+}
+
+int Thread::stop() {
+  askToStop();
+  if (!started) return 0;
+  started = false;
+  return pthread_join(handle, nullptr) == 0 ? 0 : -1;
+}
