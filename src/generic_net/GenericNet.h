@@ -1,0 +1,148 @@
+// The bridge to one outside device or service: one link, bytes cut into lines, lines turned into
+// messages.
+//
+//   where a line comes in    Inbound.cpp       selectFD -> rcvData
+//   where the link changes   Sockets.cpp       openGeneric, closeGeneric
+//   where a command lives    Commands.cpp      one table of thirty rows
+//
+// The link is closed (fd < 0) or open (fd >= 0); only openGeneric and closeGeneric change that.
+#pragma once
+
+#include <netinet/in.h>
+#include <termios.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "RegexTable.h"
+#include "RovikMessage.h"
+#include "lua/LuaRovik.h"
+
+// OpenSSL's own names for the handles of a TLS link.
+struct ssl_ctx_st;
+struct ssl_st;
+struct x509_st;
+struct X509_name_st;
+
+enum ComMode : int { COM_UDP = 0, COM_TCP = 1, COM_TTY = 2, COM_SSL = 3 };
+
+// Data bits, parity and stop bits of a serial line.
+enum TtyMode : int { TTY_8N1 = 0, TTY_7E1 = 1, TTY_7O1 = 2, TTY_8O1 = 3, TTY_8E1 = 4 };
+
+// Flow control of a serial line.
+enum FclMode : int { FCL_SW = 0, FCL_HW = 1, FCL_NO = 2 };
+
+class GenericNet : public LuaRovik {
+ public:
+  // What text becomes which message: a line from the peer that matches `regex` becomes a message
+  // of `type` under `key` with the filled-in `output`; a request under `key` whose value matches
+  // becomes text for the peer.
+  struct RegexRule {
+    // `type` is MM_ACTUATOR_REQUEST for exactly that text and MM_DATA for any other.
+    RegexRule(std::string its_key, std::string its_regex, std::string its_output,
+              const std::string& type_text);
+    std::string key;
+    std::string regex;
+    std::string output;
+    MessageTypes type;
+  };
+
+  GenericNet();
+  ~GenericNet() override;
+
+  std::string interpretCmd(char** arg) override;
+  int getDescription(cJSON* desc_json) override;
+  int selectFD() override;
+
+  // Appends a rule; tables only grow. 0.
+  int setRegexTableIN(char* key, char* regex, char* output, char* type_text);
+  int setRegexTableOUT(char* key, char* regex, char* output);
+
+ protected:
+  // 0, or a negative value after the reason was reported. Opening an open link and closing a closed
+  // one do nothing and succeed.
+  int openGeneric();
+  int closeGeneric();
+  int openTCP();
+  int closeTCP();
+
+  // Sends one Wake-on-LAN packet over a socket of its own. 0, or -1 after the reason was reported.
+  int sendWOL();
+
+  // Hardware flow control, and the DTR line, of an open serial link. 0, or -1 after the reason was
+  // reported.
+  int toggleRTS(bool on);
+  int toggleDTR(bool on);
+
+  // Processes one unit of peer data, zero bytes allowed, no terminator needed. Always 0.
+  int rcvData(char* buf, int buf_size);
+
+  static constexpr int kTextSize = 512;     // characters of a host, device or address
+  static constexpr int kEolSize = 10;       // bytes of an end-of-line sequence
+  static constexpr int kBufferSize = 4096;  // bytes of the line buffer
+
+  int network_id;  // first number of the default key <network_id>_0_0
+  ComMode commode;
+  TtyMode ttymode;
+  FclMode fclmode;
+  bool persistent;
+  bool reconnect;
+  bool echo;
+  bool chopeolin;
+  bool addeolout;
+  bool reg;
+  bool unparsedout;
+  bool unparsedin;
+  bool raw;
+  bool eolclose;
+  char eolin[kEolSize];
+  int eolin_size;
+  char eolout[kEolSize];
+  int eolout_size;
+  int port;
+  char host[kTextSize + 1];
+  char tty[kTextSize + 1];
+  speed_t baudrate;
+  bool iodebug;
+  bool accept_self_cert;
+  char wol_adr[kTextSize + 1];
+  unsigned char wol_mac[6];
+  char inbuf[kBufferSize];  // zero from inbufpos on
+  int inbufpos;
+  sockaddr_in l_addr;
+  sockaddr_in p_addr;
+  ssl_ctx_st* sslctx;
+  ssl_st* ssl;
+  x509_st* cert;
+  X509_name_st* certname;
+  std::vector<RegexRule> regexTableIN;
+  std::vector<RegexRule> regexTableOUT;
+
+ private:
+  struct Commands;  // the rows and their actions (Commands.cpp)
+
+  bool broadcastWake(int socket, const unsigned char* packet, std::size_t size);
+  int sendTest();
+  int abandonLink();
+  bool connectPeer();
+  void emptyInbuf();
+
+  int readLink();
+  void peerGone();
+  void handOverLines();
+  void handOverAll();
+  void sendCatchAll(const std::string& text);
+  void applyRules(const std::string& text);
+  void sendMatch(const RegexRule& rule, const std::string& output);
+  template <typename Kind>
+  void sendText(const RegexRule& rule, const std::string& text, const char* trace);
+  void logBytes(const char* fmt, const char* bytes, int length);
+
+  // Counts the links that came and went, so that a loop over the buffer sees that a callback has
+  // changed the link under it.
+  unsigned int link_epoch = 0;
+  RegexTable inbound;      // regexTableIN, ready to match
+  std::string spare_text;  // memory for the next unit's text
+};

@@ -1,0 +1,129 @@
+// Where a line comes in: selectFD reads the link and cuts it into units; rcvData turns a unit into
+// messages.
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "Drovane.h"
+#include "GenericNet.h"
+#include "Owned.h"
+#include "RovikUtil.h"
+
+int GenericNet::selectFD() {
+  if (fd < 0 || !FD_ISSET(fd, &readfds)) return 0;
+  const int received = readLink();
+  if (received < 1) {
+    peerGone();
+  } else {
+    inbufpos += received;
+    if (commode == COM_UDP || raw) {
+      handOverAll();
+    } else if (!eolclose) {
+      handOverLines();
+    }
+  }
+  // A full buffer without an end of line is dropped without a word, and collecting starts afresh.
+  if (inbufpos >= kBufferSize) emptyInbuf();
+  return 0;
+}
+
+int GenericNet::readLink() {
+  const auto room = static_cast<std::size_t>(kBufferSize - inbufpos);
+  return static_cast<int>(::read(fd, inbuf + inbufpos, room));
+}
+
+// The end of the stream and every error mean the same: the peer has gone.
+void GenericNet::peerGone() {
+  if (inbufpos > 0 && eolclose) handOverAll();
+  report("connection closed by peer %s:%d\n", host, port);
+  closeGeneric();
+}
+
+// All that the buffer holds is one unit.
+void GenericNet::handOverAll() {
+  rcvData(inbuf, inbufpos);
+  emptyInbuf();
+}
+
+// The buffer is moved once for all its lines. A callback that closed the link, or opened a new one,
+// has emptied the buffer: what was left belongs to a link that is gone.
+void GenericNet::handOverLines() {
+  const unsigned int epoch = link_epoch;
+  int begin = 0;
+  while (char* eol = RovikUtil::memxmem(inbuf + begin, inbufpos - begin, eolin, eolin_size)) {
+    const int end = static_cast<int>(eol - inbuf);
+    const int next = end + eolin_size;
+    rcvData(inbuf + begin, (chopeolin ? end : next) - begin);
+    if (link_epoch != epoch) return;
+    begin = next;
+  }
+  if (begin == 0) return;
+  const int rest = inbufpos - begin;
+  std::memmove(inbuf, inbuf + begin, static_cast<std::size_t>(rest));
+  std::memset(inbuf + rest, 0, static_cast<std::size_t>(begin));
+  inbufpos = rest;
+}
+
+int GenericNet::rcvData(char* buf, int buf_size) {
+  if (iodebug) logBytes("rcvData (length = %d): %s\n", buf, buf_size);
+  // The text is a local one, since a callback may send data that is echoed into this function; its
+  // memory serves unit after unit.
+  std::string text = std::exchange(spare_text, {});
+  RovikUtil::escape(text, buf, static_cast<std::size_t>(buf_size));
+  if (unparsedout) sendCatchAll(text);
+  if (reg) applyRules(text);
+  spare_text = std::move(text);
+  return 0;
+}
+
+void GenericNet::sendCatchAll(const std::string& text) {
+  const auto data = createOwned<MMData>(MM_DATA);
+  if (data == nullptr) return;
+  data->network_id = static_cast<std::uint32_t>(network_id);
+  data->value_type = VAL_STRING;
+  data->value_s = text;
+  if (Drovane::global.logs(LOG_LEVEL_DEBUG)) {
+    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "Rovik Message: MM_DATA %s = {%s}\n",
+                        data->getKey().c_str(), data->value_s.c_str());
+  }
+  messageSnd(data.get());
+}
+
+// Every rule is tried: one unit can become several messages.
+void GenericNet::applyRules(const std::string& text) {
+  inbound.match(text, [this](std::size_t index, const std::string& output) {
+    sendMatch(regexTableIN[index], output);
+  });
+}
+
+void GenericNet::sendMatch(const RegexRule& rule, const std::string& output) {
+  if (rule.type == MM_ACTUATOR_REQUEST) {
+    sendText<MMActuatorRequest>(rule, output, "Rovik Message: MM_ACTUATOR_REQUEST %s = {%s}\n");
+  } else {
+    sendText<MMData>(rule, output, "Rovik Message: MM_DATA %s = {%s}\n");
+  }
+}
+
+template <typename Kind>
+void GenericNet::sendText(const RegexRule& rule, const std::string& text, const char* trace) {
+  const bool traced = Drovane::global.logs(LOG_LEVEL_DEBUG);
+  if (traced) Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "REGIN MATCH\n");
+  const auto msg = createOwned<Kind>(rule.type);
+  if (msg == nullptr) return;
+  msg->setKey(rule.key.c_str());
+  msg->value_type = VAL_STRING;
+  msg->value_s = text;
+  if (traced) Drovane::global.log(LOG_LEVEL_DEBUG, id, name, trace, rule.key.c_str(), text.c_str());
+  messageSnd(msg.get());
+}
+
+void GenericNet::logBytes(const char* fmt, const char* bytes, int length) {
+  char* rendered = nullptr;
+  RovikUtil::bufToString(&rendered, bytes, length);
+  const OwnedText text(rendered);
+  if (text == nullptr) return;
+  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, fmt, length, text.get());
+}
