@@ -31,11 +31,13 @@ class Thread {
   int start(const char* label);
 
   // True from the start of stop() on; a body that loops ends when it sees this.
-  bool stopping() const { return asked.load(std::memory_order_acquire); }
+  bool stopping() const { return asked.load(std::memory_order_seq_cst); }
 
  protected:
-  // Lets stopping() return true without waiting for the thread.
-  void askToStop() { asked.store(true, std::memory_order_release); }
+  // Lets stopping() return true without waiting for the thread. Whoever then looks whether the
+  // thread sleeps, to wake it, and the thread that looks at stopping() before it sleeps, cannot
+  // miss each other.
+  void askToStop() { asked.store(true, std::memory_order_seq_cst); }
 
  private:
   static void* body(void* self);

@@ -1,5 +1,6 @@
 #include "MessageJson.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -92,10 +93,13 @@ void addFloat(cJSON* object, const char* field, float value) {
     cJSON_AddStringToObject(object, field, floatText(value).c_str());
 }
 
+// The shortest text of the largest float is a little above it: what rounds to it is it.
 bool readFloat(const cJSON* item, float& value) {
   if (cJSON_IsNumber(item)) {
-    if (std::abs(item->valuedouble) > double{std::numeric_limits<float>::max()}) return false;
-    value = static_cast<float>(item->valuedouble);
+    constexpr double kLargest = std::numeric_limits<float>::max();
+    constexpr double kHalfStep = 0x1p103;
+    if (!(std::abs(item->valuedouble) < kLargest + kHalfStep)) return false;
+    value = static_cast<float>(std::clamp(item->valuedouble, -kLargest, kLargest));
     return true;
   }
   const auto parsed = cJSON_IsString(item) ? parseFloat(item->valuestring) : std::nullopt;
@@ -222,7 +226,9 @@ bool readText(const cJSON* object, const char* field, std::string& text) {
 }  // namespace drovane
 
 RovikMessage* RovikMessage::create(char* text) {
-  const drovane::Json json(text != nullptr ? cJSON_Parse(text) : nullptr);
+  constexpr cJSON_bool kNothingBehindIt = 1;
+  const drovane::Json json(
+      text != nullptr ? cJSON_ParseWithOpts(text, nullptr, kNothingBehindIt) : nullptr);
   return create(json.get());
 }
 

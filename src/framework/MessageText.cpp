@@ -7,11 +7,13 @@
 
 namespace {
 
-std::string quoted(const std::string& text) {
+std::string printable(const std::string& text) {
   std::string escaped;
   RovikUtil::escape(escaped, text.data(), text.size());
-  return '"' + escaped + '"';
+  return escaped;
 }
+
+std::string quoted(const std::string& text) { return '"' + printable(text) + '"'; }
 
 template <typename Record>
 std::string valueText(Record& record) {
@@ -20,7 +22,7 @@ std::string valueText(Record& record) {
 
 std::string destination(const RovikMessage& msg) {
   if (msg.dst != NO_DESTINATION) return std::to_string(msg.dst);
-  return msg.dst_s.empty() ? "everybody" : msg.dst_s;
+  return msg.dst_s.empty() ? "everybody" : printable(msg.dst_s);
 }
 
 }  // namespace
@@ -29,7 +31,7 @@ std::string RovikMessage::toString() {
   std::string text(drovane::messageTypeName(type));
   text += payloadText();
   text += " from " + std::to_string(src);
-  if (!src_s.empty()) text += ' ' + src_s;
+  if (!src_s.empty()) text += ' ' + printable(src_s);
   text += " to " + destination(*this) + " #" + std::to_string(seqnr);
   return text;
 }

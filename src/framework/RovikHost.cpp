@@ -105,6 +105,7 @@ bool RovikHost::pollFor(std::int64_t nanoseconds, int link) {
 
 // Whatever a command sends leaves when it returns.
 std::string RovikHost::interpret(const std::vector<std::string>& words) {
+  if (words.empty()) return "";  // a rovik may rely on its keyword
   const InsideRovik here(this);
   CommandVector vector(words);
   std::string reply;
@@ -146,7 +147,7 @@ bool RovikHost::post(const std::shared_ptr<Command>& command) {
     if (!accepting) return false;
     commands.push_back(command);
   }
-  commands_wait.store(true, std::memory_order_release);
+  commands_wait.store(true, std::memory_order_seq_cst);  // ordered before wake() looks for a sleeper
   waker->wake();
   return true;
 }
@@ -162,7 +163,13 @@ void RovikHost::endCommands() {
     if (command->withdraw()) command->done({false, "the rovik is being stopped"});
 }
 
-void RovikHost::publishState() { link_open.store(rovik.fd >= 0, std::memory_order_relaxed); }
+// The one place that tells a person, whatever the plug-in, that a link has come up or gone.
+void RovikHost::publishState() {
+  const bool open = rovik.fd >= 0;
+  if (link_open.exchange(open, std::memory_order_relaxed) == open) return;
+  Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "rovik %d %s: link %s\n",
+                      mailbox->id, mailbox->name.c_str(), open ? "open" : "closed");
+}
 
 void RovikHost::publishDescription() {
   const Json json(cJSON_CreateObject());

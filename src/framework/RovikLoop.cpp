@@ -33,10 +33,10 @@ int RovikHost::run() {
 bool RovikHost::waitForEvents() {
   publishState();
   FD_ZERO(&rovik.readfds);
+  waker->aboutToSleep();  // first: a receiver that drains after this look rings
   const bool full = outbox.heldBack();
   held_back.store(full, std::memory_order_relaxed);
   const int link = full ? -1 : rovik.fd;
-  waker->aboutToSleep();
   const bool busy = workWaits();
   const bool readable = busy && link < 0 ? false : pollFor(busy ? 0 : timeLeft(), link);
   waker->awake();
@@ -46,7 +46,7 @@ bool RovikHost::waitForEvents() {
 
 bool RovikHost::workWaits() {
   return batch_done < batch.size() || !mailbox->empty() || rovik.stopping() ||
-         commands_wait.load(std::memory_order_acquire);
+         commands_wait.load(std::memory_order_seq_cst);
 }
 
 // Nanoseconds until the timer expires; negative when it is not armed.
