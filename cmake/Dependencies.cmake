@@ -1,0 +1,8 @@
+# The libraries that the framework, the program and the plug-in link. Those that only tests and
+# benchmarks need are looked for there.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(CLI11 REQUIRED)
+pkg_check_modules(RE2 REQUIRED IMPORTED_TARGET re2)
+pkg_check_modules(CJSON REQUIRED IMPORTED_TARGET libcjson)
