@@ -74,7 +74,7 @@ class Rovik : public Thread {
  protected:
   // Queues a copy of `msg` for its destination and returns at once; the caller still owns `msg`.
   // What is still zero is filled in on the copy: seqnr, src, src_s and a data value's time. From
-  // inside a slot or a command the copy leaves when that returns, when 64 are waiting, or when the
+  // inside a slot or a command the copy leaves when that returns, when 512 are waiting, or when the
   // rovik sends a request and waits. Any thread may call. 0, or -1 when nobody has that address.
   int messageSnd(RovikMessage* msg);
 

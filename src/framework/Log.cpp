@@ -58,8 +58,8 @@ struct Log::State {
 
   // Line by line, for the time before the program has said where lines go and after it has ended.
   void direct() {
+    writer.reset();  // ends with its thread, which still uses the logger
     logger = prepared(std::make_shared<spdlog::logger>("drovane", terminalSink()));
-    writer.reset();
     reported_losses = 0;
   }
 

@@ -111,18 +111,19 @@ void Mailbox::left(std::size_t count) {
   for (const auto& feeder : waiting) feeder->wake();
 }
 
-void Mailbox::expectReply(std::uint32_t seqnr) {
-  RovikMessage* stale = nullptr;
-  {
-    MutexLock guard(lock);
-    expected = closed ? 0 : seqnr;
-    stale = std::exchange(reply, nullptr);
-  }
-  if (stale != nullptr) RecordPool::release(stale);
+void Mailbox::beginWait(std::uint32_t seqnr) {
+  MutexLock guard(lock);
+  expected = closed ? 0 : seqnr;
 }
 
-RovikMessage* Mailbox::fetchReply() {
+bool Mailbox::replied() const {
   MutexLock guard(lock);
+  return expected == 0;
+}
+
+RovikMessage* Mailbox::endWait() {
+  MutexLock guard(lock);
+  expected = 0;
   return std::exchange(reply, nullptr);
 }
 

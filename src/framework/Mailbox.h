@@ -65,10 +65,12 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
   void take(std::vector<RovikMessage*>& batch);
   void left(std::size_t count);
 
-  // The next answer to request `seqnr` will not be queued but kept for fetchReply. 0 ends this.
-  void expectReply(std::uint32_t seqnr);
-  // The answer, now the caller's; null while there is none.
-  RovikMessage* fetchReply();
+  // From now on the first answer to request `seqnr` is not queued but kept for the waiting receiver.
+  void beginWait(std::uint32_t seqnr);
+  // True when there is nothing more to wait for: the answer is there, or the mailbox was closed.
+  bool replied() const;
+  // Ends the wait. The answer, now the caller's; null when none came.
+  RovikMessage* endWait();
 
  private:
   bool isReply(const RovikMessage& msg) const DROVANE_REQUIRES(lock);

@@ -227,8 +227,8 @@ bool readText(const cJSON* object, const char* field, std::string& text) {
 
 RovikMessage* RovikMessage::create(char* text) {
   constexpr cJSON_bool kNothingBehindIt = 1;
-  const drovane::Json json(
-      text != nullptr ? cJSON_ParseWithOpts(text, nullptr, kNothingBehindIt) : nullptr);
+  const drovane::Json json(text != nullptr ? cJSON_ParseWithOpts(text, nullptr, kNothingBehindIt)
+                                           : nullptr);
   return create(json.get());
 }
 

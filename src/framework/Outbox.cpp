@@ -33,22 +33,23 @@ void reportUndeliverable(RovikMessage& msg) {
 
 }  // namespace
 
-Outbox::Outbox(std::shared_ptr<Mailbox> its_own) : own(std::move(its_own)) {}
+Outbox::Outbox(std::shared_ptr<Mailbox> its_own)
+    : own(std::move(its_own)), router(Router::global()) {}
 
 Outbox::~Outbox() { flush(); }
 
 const AddressTable& Outbox::currentTable() {
-  const std::uint64_t version = Router::global().version();
+  const std::uint64_t version = router.version();
   if (table == nullptr || table_version != version) {
     flush();  // what waits points into the old table
-    table = Router::global().table();
+    table = router.table();
     table_version = version;
   }
   return *table;
 }
 
 void Outbox::stamp(RovikMessage& msg) const {
-  if (msg.seqnr == 0) msg.seqnr = Router::global().nextSeqnr();
+  if (msg.seqnr == 0) msg.seqnr = router.nextSeqnr();
   if (msg.src == 0) msg.src = static_cast<std::uint32_t>(own->id);
   if (msg.src_s.empty()) msg.src_s = own->name;
   if (msg.type == MM_DATA) stampTime(static_cast<MMData&>(msg));
@@ -83,7 +84,7 @@ int Outbox::route(const AddressTable& addresses, const RovikMessage& msg,
   if (copy == nullptr) return -1;
   stamp(*copy);
   sent_count.fetch_add(1, std::memory_order_relaxed);
-  if (Router::global().tapped()) Router::global().copyToTap(copy);
+  if (router.tapped()) router.copyToTap(copy);
   if (isBroadcast(*copy)) return broadcast(addresses, copy, out);
   return addressed(find(addresses, *copy), copy, out);
 }
@@ -99,19 +100,19 @@ std::uint32_t Outbox::sendRequest(const RovikMessage& msg) {
   const AddressTable& addresses = currentTable();
   RovikMessage* request = RecordPool::copy(msg);
   if (request == nullptr) return 0;
-  if (request->seqnr == 0) request->seqnr = Router::global().nextSeqnr();
+  if (request->seqnr == 0) request->seqnr = router.nextSeqnr();
   const std::uint32_t seqnr = request->seqnr;
-  own->expectReply(seqnr);
+  own->beginWait(seqnr);
   const int receivers = route(addresses, *request, pending);
   RecordPool::release(request);
   flush();
   if (receivers > 0) return seqnr;
-  own->expectReply(0);
+  RovikMessage::destroy(own->endWait());
   return 0;
 }
 
 int Outbox::sendNow(const RovikMessage& msg) {
-  const auto addresses = Router::global().table();
+  const auto addresses = router.table();
   std::vector<Pending> out;
   std::vector<RovikMessage*> run;
   const int receivers = route(*addresses, msg, out);

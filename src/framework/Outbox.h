@@ -29,7 +29,7 @@ class Outbox {
   // many receivers it has, or -1 when nobody has the address.
   int send(const RovikMessage& msg);
 
-  // Hands a copy of `msg` over at once, after telling the own mailbox which reply to expect.
+  // Hands a copy of `msg` over at once, after telling the own mailbox which reply to wait for.
   // Returns the sequence number that the reply will carry, 0 when nobody receives the request.
   std::uint32_t sendRequest(const RovikMessage& msg);
 
@@ -51,7 +51,7 @@ class Outbox {
     Mailbox* to;
     RovikMessage* msg;
   };
-  static constexpr std::size_t kBatch = 64;
+  static constexpr std::size_t kBatch = 512;  // all lines of one read, as a rule
 
   void stamp(RovikMessage& msg) const;
   int route(const AddressTable& table, const RovikMessage& msg, std::vector<Pending>& out);
@@ -62,6 +62,7 @@ class Outbox {
   const AddressTable& currentTable();
 
   const std::shared_ptr<Mailbox> own;
+  Router& router;
   std::shared_ptr<const AddressTable> table;
   std::uint64_t table_version = 0;
   std::vector<Pending> pending;

@@ -64,23 +64,19 @@ int RovikHost::messageSnd(RovikMessage* msg) {
 RovikMessage* RovikHost::messageSndBlock(RovikMessage* msg) {
   if (msg == nullptr || rovik.stopping()) return nullptr;
   if (outbox.sendRequest(*msg) == 0) return nullptr;
-  RovikMessage* reply = awaitReply();
-  mailbox->expectReply(0);
-  return reply;
+  awaitReply();
+  return mailbox->endWait();
 }
 
-RovikMessage* RovikHost::awaitReply() {
-  using std::chrono::nanoseconds;
-  const std::int64_t deadline = Clock::now() + nanoseconds(kPatience).count();
+void RovikHost::awaitReply() {
+  const std::int64_t deadline = Clock::now() + std::chrono::nanoseconds(kPatience).count();
   while (true) {
     waker->aboutToSleep();
-    RovikMessage* reply = mailbox->fetchReply();
     const std::int64_t left = deadline - Clock::now();
-    const bool over = reply != nullptr || left <= 0 || rovik.stopping();
-    if (!over) pollFor(left, -1);
-    waker->awake();
-    if (over) return reply;
+    if (mailbox->replied() || left <= 0 || rovik.stopping()) break;
+    pollFor(left, -1);
   }
+  waker->awake(false);
 }
 
 void RovikHost::setWarning(std::string text) {
@@ -100,6 +96,7 @@ bool RovikHost::pollFor(std::int64_t nanoseconds, int link) {
   // poll(2) passes over a negative descriptor.
   const int ready =
       ppoll(watched.data(), watched.size(), nanoseconds < 0 ? nullptr : &limit, nullptr);
+  waker->awake(ready > 0 && watched[0].revents != 0);
   return ready > 0 && watched[1].revents != 0;
 }
 
@@ -147,7 +144,8 @@ bool RovikHost::post(const std::shared_ptr<Command>& command) {
     if (!accepting) return false;
     commands.push_back(command);
   }
-  commands_wait.store(true, std::memory_order_seq_cst);  // ordered before wake() looks for a sleeper
+  // In one order with the sleeper's steps: either it sees the command or wake() sees it asleep.
+  commands_wait.store(true, std::memory_order_seq_cst);
   waker->wake();
   return true;
 }

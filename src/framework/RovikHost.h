@@ -97,10 +97,10 @@ class RovikHost {
   void slot(const char* slot_name, Slot body);
   void endCommands();
 
-  // Sleeps until the waker rings, `link` is readable (-1: none) or the time is over (negative:
-  // never). True when the link is readable.
+  // Sleeps, after waker->aboutToSleep, until the waker rings, `link` is readable (-1: none) or the
+  // time is over (negative: never). True when the link is readable.
   bool pollFor(std::int64_t nanoseconds, int link);
-  RovikMessage* awaitReply();
+  void awaitReply();
 
   std::string interpret(const std::vector<std::string>& words);
   std::string exceptionIn(const char* slot_name, const char* what);

@@ -38,8 +38,11 @@ bool RovikHost::waitForEvents() {
   held_back.store(full, std::memory_order_relaxed);
   const int link = full ? -1 : rovik.fd;
   const bool busy = workWaits();
-  const bool readable = busy && link < 0 ? false : pollFor(busy ? 0 : timeLeft(), link);
-  waker->awake();
+  if (busy && link < 0) {
+    waker->awake(false);
+    return false;
+  }
+  const bool readable = pollFor(busy ? 0 : timeLeft(), link);
   if (readable && link < FD_SETSIZE) FD_SET(link, &rovik.readfds);
   return readable;
 }

@@ -11,7 +11,7 @@ namespace drovane {
 //
 //   waker.aboutToSleep();
 //   if (nothing to do) poll(… waker.descriptor() readable …);
-//   waker.awake();
+//   waker.awake(poll found it readable);
 //
 // Whoever gives it work publishes the work first and then calls wake(). One thread sleeps; any
 // thread wakes.
@@ -22,13 +22,14 @@ class Waker {
 
   int descriptor() const { return event.get(); }
   void aboutToSleep() { asleep.store(true, std::memory_order_seq_cst); }
-  void awake();
+  // `rang`: the descriptor was readable. Most naps end because of a link, and then there is nothing
+  // to read.
+  void awake(bool rang);
   void wake();
 
  private:
   Descriptor event;
   std::atomic<bool> asleep{false};
-  std::atomic<bool> rung{false};
 };
 
 }  // namespace drovane

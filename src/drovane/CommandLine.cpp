@@ -1,0 +1,196 @@
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <iostream>
+#include <utility>
+
+#include "Subcommands.h"
+#include "Terminal.h"
+
+namespace drovane {
+namespace {
+
+struct Subcommand {
+  const char* name;
+  const char* purpose;
+  const char* footer;
+  void (*declare)(CLI::App& app, Options& options);
+  int (*body)(const Options& options);
+  bool all_words_after_first;  // whatever stands behind the first word is a word, not an option
+};
+
+void declareFile(CLI::App& app, Options& options) {
+  app.add_option("FILE", options.file, "The configuration file")->required();
+  app.add_option("--root", options.root,
+                 "Installation root, which holds lua/ (default: what FILE says, or its folder)")
+      ->type_name("DIR");
+  app.add_option("--plugins", options.plugins, "One more folder to look for plug-ins in")
+      ->type_name("DIR");
+}
+
+void declareControl(CLI::App& app, Options& options) {
+  app.add_option("--control", options.control,
+                 "Control socket (default: DROVANE_CONTROL, or drovane.sock in XDG_RUNTIME_DIR "
+                 "or /run)")
+      ->type_name("PATH");
+}
+
+void declareKey(CLI::App& app, Options& options) {
+  app.add_option("KEY", options.key, "Network, node and value number, such as 5_1_0")->required();
+  app.add_option("TYPE", options.type, "int, float or string")->required();
+}
+
+void declareRun(CLI::App& app, Options& options) {
+  declareFile(app, options);
+  declareControl(app, options);
+  app.add_option("--log-level", options.log_level, "2 errors, 3 events too, 4 everything")
+      ->type_name("2|3|4")
+      ->check(CLI::IsMember({2, 3, 4}));
+  app.add_option("--log-file", options.log_file, "Write the log here instead of standard error")
+      ->type_name("FILE");
+  app.add_flag("--strict", options.strict,
+               "Do not start when a command of FILE is answered with an error");
+}
+
+void declareCmd(CLI::App& app, Options& options) {
+  declareControl(app, options);
+  app.add_option("ROVIK", options.rovik, "Name or id")->required();
+  app.add_option("WORD", options.words, "The command, word by word; options come before ROVIK")
+      ->required();
+}
+
+void declareSend(CLI::App& app, Options& options) {
+  declareControl(app, options);
+  declareKey(app, options);
+  app.add_option("VALUE", options.value, "The value; it has to fit TYPE")->required();
+  app.add_option("--to", options.to, "Who gets it (default: BC, every rovik)")
+      ->type_name("NAME|ID|BC");
+  app.add_flag("--actuator", options.actuator, "Ask for the value to be set on a device");
+}
+
+void declareGet(CLI::App& app, Options& options) {
+  declareControl(app, options);
+  declareKey(app, options);
+  app.add_option("--to", options.to, "Who is asked")->type_name("NAME|ID")->required();
+}
+
+void declareShow(CLI::App& app, Options& options) {
+  declareControl(app, options);
+  app.add_flag("--json", options.json, "One JSON object a line");
+}
+
+constexpr const char* kVersionLine = "drovane " DROVANE_VERSION;
+
+constexpr std::array<Subcommand, 7> kSubcommands = {{
+    {"run", "Start the roviks of a configuration, until SIGINT or SIGTERM",
+     "Example: drovane run house.conf --log-level 3", declareRun, run, false},
+    {"check", "Read a configuration, load its plug-ins, try its commands; open nothing",
+     "Example: drovane check house.conf", declareFile, check, false},
+    {"cmd", "Give one configuration command to a running rovik; print the reply",
+     "Example: drovane cmd boiler port 7002", declareCmd, cmd, true},
+    {"send", "Send a value as a message",
+     "Example: drovane send 5_0_0 string HEAT=ON --to boiler "
+     "--actuator",
+     declareSend, send, false},
+    {"get", "Ask a rovik for a value and print it",
+     "Example: drovane get 5_1_0 float --to recorder", declareGet, get, false},
+    {"status", "Show the roviks: links, queues, counts, last warnings", "Example: drovane status",
+     declareShow, status, false},
+    {"watch", "Show every message as it is routed, until interrupted",
+     "Example: drovane watch --json", declareShow, watch, false},
+}};
+
+const Subcommand* findSubcommand(const std::string& name) {
+  const auto found = std::find_if(kSubcommands.begin(), kSubcommands.end(),
+                                  [&](const Subcommand& entry) { return name == entry.name; });
+  return found != kSubcommands.end() ? &*found : nullptr;
+}
+
+// A negative number is a value, not an option.
+bool looksLikeOption(const std::string& argument) {
+  return argument.size() > 1 && argument[0] == '-' && argument[1] != '.' &&
+         (argument[1] < '0' || argument[1] > '9');
+}
+
+bool takesValue(CLI::App& app, const std::string& argument) {
+  const CLI::Option* option = app.get_option_no_throw(argument);
+  return option != nullptr && option->get_items_expected_max() > 0;
+}
+
+struct Sorted {
+  std::vector<std::string> options;
+  std::vector<std::string> words;
+};
+
+// CLI11 looks for options and subcommands among all words. Put in front, with "--" between, the
+// options are found and every other word stays what it is.
+Sorted optionsFirst(CLI::App& app, const Subcommand& subcommand,
+                    const std::vector<std::string>& arguments) {
+  Sorted sorted;
+  auto& [options, words] = sorted;
+  bool words_only = false;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& argument = arguments[i];
+    if (!words_only && argument == "--") {
+      words_only = true;
+    } else if (words_only || !looksLikeOption(argument)) {
+      words.push_back(argument);
+      words_only = words_only || subcommand.all_words_after_first;
+    } else {
+      options.push_back(argument);
+      if (takesValue(app, argument) && i + 1 < arguments.size()) options.push_back(arguments[++i]);
+    }
+  }
+  options.emplace_back("--");
+  return sorted;
+}
+
+// CLI11's own text would name the "--" of optionsFirst too.
+int reportExtras(const CLI::App& app) {
+  std::string extras;
+  for (const std::string& word : app.remaining(true))
+    if (word != "--") extras += ' ' + word;
+  std::cerr << "unexpected:" << printable(extras) << "\nRun with --help for more information.\n";
+  return kUsage;
+}
+
+}  // namespace
+
+ParsedCommandLine parseCommandLine(std::vector<std::string> arguments) {
+  ParsedCommandLine parsed;
+  CLI::App app("drovane runs a house: its roviks talk to devices and to each other.", "drovane");
+  app.set_version_flag("--version", kVersionLine);
+  app.require_subcommand(1);
+  for (const Subcommand& entry : kSubcommands) {
+    CLI::App* sub = app.add_subcommand(entry.name, entry.purpose);
+    entry.declare(*sub, parsed.options);
+    sub->footer(entry.footer);
+  }
+
+  const Subcommand* chosen = arguments.empty() ? nullptr : findSubcommand(arguments.front());
+  Sorted sorted;
+  if (chosen != nullptr) {
+    sorted = optionsFirst(*app.get_subcommand(chosen->name), *chosen,
+                          {arguments.begin() + 1, arguments.end()});
+    arguments = {chosen->name};
+    for (const auto* part : {&sorted.options, &sorted.words})
+      arguments.insert(arguments.end(), part->begin(), part->end());
+  }
+  try {
+    std::reverse(arguments.begin(), arguments.end());  // the order in which CLI11 takes them
+    app.parse(arguments);
+    parsed.subcommand = chosen->body;
+    // CLI11 takes a word like [0-9] for a list.
+    if (chosen->all_words_after_first)
+      parsed.options.words.assign(sorted.words.begin() + 1, sorted.words.end());
+  } catch (const CLI::ExtrasError&) {
+    parsed.status = reportExtras(app);
+  } catch (const CLI::ParseError& error) {
+    parsed.status = app.exit(error) == 0 ? kDone : kUsage;
+  }
+  return parsed;
+}
+
+}  // namespace drovane

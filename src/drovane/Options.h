@@ -1,0 +1,34 @@
+// What was typed behind "drovane".
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace drovane {
+
+// The options of all subcommands; each reads its own.
+struct Options {
+  std::string file;
+  std::string root;
+  std::string plugins;
+  std::string control;
+  std::string log_file;
+  int log_level = 0;  // 0: not given
+  bool strict = false;
+  std::string rovik;
+  std::vector<std::string> words;
+  std::string key;
+  std::string type;
+  std::string value;
+  std::string to;
+  bool actuator = false;
+  bool json = false;
+};
+
+// The exit statuses.
+inline constexpr int kDone = 0;
+inline constexpr int kRefused = 1;     // by the rovik or by the running drovane
+inline constexpr int kUsage = 2;       // or a configuration that cannot be used
+inline constexpr int kNotRunning = 3;  // no drovane to talk to
+
+}  // namespace drovane

@@ -1,0 +1,68 @@
+// cmd, send, get: one request, one answer.
+#include <iostream>
+
+#include "ControlClient.h"
+#include "MessageText.h"
+#include "Subcommands.h"
+#include "Terminal.h"
+
+namespace drovane {
+namespace {
+
+cJSON* wordItem(const std::string& word) {
+  Json holder(cJSON_CreateObject());
+  addText(holder.get(), "word", word);
+  cJSON* plain = cJSON_DetachItemFromObjectCaseSensitive(holder.get(), "word");
+  return plain != nullptr ? plain : holder.release();
+}
+
+void print(const std::string& text) {
+  const std::string shown = forOutput(text);
+  std::cout << shown << (shown.ends_with('\n') ? "" : "\n") << std::flush;
+}
+
+}  // namespace
+
+int cmd(const Options& options) {
+  ControlClient client(ControlClient::choosePath(options.control));
+  const Json request = newRequest("cmd");
+  addText(request.get(), "rovik", options.rovik);
+  cJSON* words = cJSON_AddArrayToObject(request.get(), "words");
+  for (const std::string& word : options.words) cJSON_AddItemToArray(words, wordItem(word));
+
+  std::string text;
+  readText(client.request(request).get(), "reply", text);
+  if (text.empty()) {
+    std::cerr << "drovane: nothing handled '" << printable(options.words.front())
+              << "'; expected a command of the rovik's plug-in (some need its script or an open "
+                 "link)\n";
+    return kRefused;
+  }
+  print(text);
+  return text.starts_with("ERROR") ? kRefused : kDone;
+}
+
+int send(const Options& options) {
+  ControlClient client(ControlClient::choosePath(options.control));
+  const Json request = newRequest("send");
+  addText(request.get(), "key", options.key);
+  addText(request.get(), "type", options.type);
+  addText(request.get(), "value", options.value);
+  if (!options.to.empty()) addText(request.get(), "to", options.to);
+  if (options.actuator) cJSON_AddTrueToObject(request.get(), "actuator");
+  client.request(request);
+  return kDone;
+}
+
+int get(const Options& options) {
+  ControlClient client(ControlClient::choosePath(options.control));
+  const Json request = newRequest("get");
+  addText(request.get(), "key", options.key);
+  addText(request.get(), "type", options.type);
+  addText(request.get(), "to", options.to);
+  const Json reply = client.request(request);
+  print(answerText(cJSON_GetObjectItemCaseSensitive(reply.get(), "message")));
+  return kDone;
+}
+
+}  // namespace drovane

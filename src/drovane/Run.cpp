@@ -1,0 +1,160 @@
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <system_error>
+
+#include "ControlClient.h"
+#include "Drovane.h"
+#include "Phase.h"
+#include "RovikUtil.h"
+#include "Signals.h"
+#include "Subcommands.h"
+#include "Terminal.h"
+#include "framework/Clock.h"
+#include "framework/ConfigFile.h"
+#include "framework/ControlServer.h"
+#include "framework/House.h"
+#include "framework/Log.h"
+#include "framework/PluginLoader.h"
+
+namespace drovane {
+namespace {
+
+using std::chrono::nanoseconds;
+
+// From the signal on: until when everything has to be over, and what the log gets after that.
+constexpr std::chrono::milliseconds kStopBound{4500};
+constexpr std::chrono::milliseconds kLogBound{300};
+constexpr std::int64_t kNoDeadline = -1;
+constexpr int kInterrupted = 128 + SIGINT;
+
+std::int64_t after(std::chrono::milliseconds delay) {
+  return Clock::now() + nanoseconds(delay).count();
+}
+
+void log(int level, const std::string& text) {
+  Drovane::global.log(level, kFrameworkId, kFrameworkName, "%s\n", text.c_str());
+}
+
+void openLog(const std::string& file) {
+  if (file.empty())
+    Log::global().openTerminal();
+  else
+    Log::global().openFile(file);
+}
+
+// Each link takes a descriptor, and the framework's own lie above those that links can use.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
+    log(LOG_LEVEL_ERROR,
+        RovikUtil::vsnprintftostr("setrlimit (errno: %d %s)", errno, std::strerror(errno)));
+}
+
+// A peer that goes away while it is written to is an error of that write, not of the process.
+void ignoreBrokenPipes() { ::signal(SIGPIPE, SIG_IGN); }
+
+// One run of a house, from its making to its end.
+class Running {
+ public:
+  Running(const Options& its_options, ConfigFile config)
+      : options(its_options),
+        house(std::move(config), [this](const std::string& finding) { report(finding); }) {}
+
+  int run() {
+    PluginLoader loader(PluginLoader::standardFolders(options.plugins));
+    if (!house.make(loader)) return kUsage;
+    control.emplace(
+        ControlServer::Settings{ControlClient::choosePath(options.control), DROVANE_VERSION},
+        house);
+    const int error = control->start();
+    if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_create");
+    log(LOG_LEVEL_INFO, "control socket " + control->path());
+    const int status = startAndWait();
+    stop(status);
+    return status;
+  }
+
+ private:
+  // In a log file a finding would not be noticed at once.
+  void report(const std::string& finding) const {
+    log(LOG_LEVEL_ERROR, finding);
+    if (!options.log_file.empty()) std::cerr << printable(finding) + '\n';
+  }
+
+  // Returns when it is time to stop: the status to leave with.
+  int startAndWait() {
+    starting.emplace("drovane-start", [this] { started = house.start(options.strict); });
+    if (signals.wait(starting->descriptor(), kNoDeadline) != Signals::Event::Done) return kDone;
+    if (!started) return kUsage;
+    log(LOG_LEVEL_INFO, options.file + ": " + std::to_string(house.all().size()) + " roviks");
+    signals.wait(-1, kNoDeadline);
+    return kDone;
+  }
+
+  void stop(int status) {
+    const std::int64_t deadline = after(kStopBound);
+    log(LOG_LEVEL_INFO, "stopping");
+    control.reset();
+    Phase stopping("drovane-stop", [this] { house.stop(); });
+    Signals::Event event = Signals::Event::Terminate;
+    while (event == Signals::Event::Terminate)
+      event = signals.wait(stopping.descriptor(), deadline);
+    if (event == Signals::Event::Interrupt) ::_exit(kInterrupted);
+    if (event == Signals::Event::Deadline) leaveStuck(status);
+    closeLog(status);
+  }
+
+  // Nobody can end a thread that does not come back; what it uses stays as it is.
+  [[noreturn]] void leaveStuck(int status) const {
+    for (const std::string& rovik : house.unended())
+      log(LOG_LEVEL_ERROR, "rovik " + rovik + " did not end in time");
+    closeLog(status);
+    std::_Exit(status);
+  }
+
+  // Whoever reads the log may have stopped reading.
+  void closeLog(int status) const {
+    Phase closing("drovane-log", [] { Log::global().close(); });
+    if (signals.wait(closing.descriptor(), after(kLogBound)) != Signals::Event::Done)
+      std::_Exit(status);
+  }
+
+  const Options& options;
+  const Signals signals;
+  House house;
+  std::optional<ControlServer> control;
+  bool started = false;  // the start phase's until that is over
+  std::optional<Phase> starting;
+};
+
+}  // namespace
+
+int run(const Options& options) {
+  raiseDescriptorLimit();
+  ignoreBrokenPipes();
+  try {
+    ConfigFile config = ConfigFile::read(options.file);
+    Drovane::global.setLogLevel(options.log_level != 0 ? options.log_level
+                                                       : config.log_level.value_or(LOG_LEVEL_INFO));
+    Drovane::global.setInstRoot(options.root.empty() ? config.rootFolder() : options.root);
+    const std::unique_ptr<Running> running = std::make_unique<Running>(options, std::move(config));
+    openLog(options.log_file);
+    return running->run();
+  } catch (const ConfigError& error) {
+    std::cerr << printable(error.what()) + '\n';
+    return kUsage;
+  }
+}
+
+}  // namespace drovane

@@ -1,0 +1,44 @@
+#include "Signals.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+#include "framework/Clock.h"
+
+namespace drovane {
+
+Signals::Signals() {
+  sigset_t taken;
+  sigemptyset(&taken);
+  sigaddset(&taken, SIGINT);
+  sigaddset(&taken, SIGTERM);
+  const int error = pthread_sigmask(SIG_BLOCK, &taken, nullptr);
+  if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_sigmask");
+  descriptor = moveAboveLinks(Descriptor(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK)));
+  if (!descriptor) throw std::system_error(errno, std::generic_category(), "signalfd");
+}
+
+Signals::Event Signals::wait(int done, std::int64_t deadline) const {
+  while (true) {
+    std::array<pollfd, 2> watched = {{{descriptor.get(), POLLIN, 0}, {done, POLLIN, 0}}};
+    const std::int64_t left = std::max<std::int64_t>(deadline - Clock::now(), 0);
+    const int limit = deadline < 0 ? -1 : static_cast<int>(left / 1'000'000 + 1);
+    const int ready = ::poll(watched.data(), watched.size(), limit);
+    if (ready < 0 && errno != EINTR)
+      throw std::system_error(errno, std::generic_category(), "poll");
+    signalfd_siginfo info{};
+    if (::read(descriptor.get(), &info, sizeof info) == sizeof info)
+      return info.ssi_signo == SIGINT ? Event::Interrupt : Event::Terminate;
+    if (watched[1].revents != 0) return Event::Done;
+    if (deadline >= 0 && Clock::now() >= deadline) return Event::Deadline;
+  }
+}
+
+}  // namespace drovane

@@ -1,0 +1,67 @@
+// One client of the control socket: lines in, lines out, neither without bounds.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Descriptor.h"
+
+namespace drovane {
+
+// Belongs to the control thread. Never blocks.
+class ControlConnection {
+ public:
+  static constexpr std::size_t kLongestRequest = 64 * 1024;
+  static constexpr std::size_t kOutputBound = 1024 * 1024;
+
+  explicit ControlConnection(Descriptor socket);
+
+  // --- Requests ---------------------------------------------------------------------------------
+
+  // Reads what is there. False when the connection is broken.
+  bool receive();
+  // The next whole line, without its end.
+  std::optional<std::string> nextLine();
+  // More than kLongestRequest bytes have come without a line end.
+  bool tooLong() const { return input.size() > kLongestRequest; }
+  // The client sends nothing more.
+  bool inputEnded() const { return input_ended; }
+
+  // --- Replies and messages
+  // -----------------------------------------------------------------------
+
+  // False when so much waits for the client already that it has to go. One reply of any length
+  // always finds room in an empty buffer.
+  bool reply(const std::string& line);
+  // For a watching client: what finds no room is counted instead, and the client is told with
+  // {"dropped":N} as soon as there is room again.
+  void tell(const std::string& line);
+  void countDropped(std::uint64_t messages) { dropped += messages; }
+  // Writes what the client takes. False when the connection is broken.
+  bool flush();
+  bool unsent() const { return sent < output.size(); }
+  bool full() const { return output.size() - sent >= kOutputBound; }
+
+  int descriptor() const { return socket.get(); }
+
+  // The server's notes about the client.
+  bool busy = false;       // its request will be answered later
+  bool watching = false;   // gets every message
+  bool greeted = false;    // has sent a complete request
+  std::int64_t heard = 0;  // when it last sent something, in nanoseconds of Clock
+
+ private:
+  void append(const std::string& line);
+  void reportDropped();
+
+  Descriptor socket;
+  std::string input;
+  bool input_ended = false;
+  std::string output;
+  std::size_t sent = 0;  // of `output`
+  std::uint64_t dropped = 0;
+};
+
+}  // namespace drovane

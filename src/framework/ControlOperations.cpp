@@ -1,0 +1,283 @@
+#include "ControlOperations.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+#include "Clock.h"
+#include "ControlProtocol.h"
+#include "ControlRequests.h"
+#include "LocalTime.h"
+#include "RecordPool.h"
+#include "Router.h"
+
+namespace drovane {
+namespace {
+
+constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+
+void addCount(const Json& object, const char* field, std::uint64_t count) {
+  cJSON_AddNumberToObject(object.get(), field, static_cast<double>(count));
+}
+
+}  // namespace
+
+// In the order in which an error names them.
+const ControlOperations::Operation ControlOperations::kOperations[] = {
+    {"cmd", &ControlOperations::command},
+    {"send", &ControlOperations::send},
+    {"get", &ControlOperations::get},
+    {"status", &ControlOperations::status},
+    {"watch", &ControlOperations::watchMessages},
+    {"version", &ControlOperations::versionOnly},
+};
+
+void CommandResults::put(std::uint64_t ticket, const CommandResult& result) {
+  {
+    MutexLock guard(lock);
+    entries.push_back({ticket, result});
+  }
+  waker->wake();
+}
+
+std::vector<CommandResults::Entry> CommandResults::take() {
+  MutexLock guard(lock);
+  return std::exchange(entries, {});
+}
+
+bool CommandResults::empty() const {
+  MutexLock guard(lock);
+  return entries.empty();
+}
+
+ControlOperations::ControlOperations(const House& its_house, std::string its_version,
+                                     ControlWatch& its_watch, const std::shared_ptr<Waker>& waker)
+    : house(its_house),
+      version(std::move(its_version)),
+      watch(its_watch),
+      started(Clock::now()),
+      mailbox(std::make_shared<Mailbox>(kCommandLineId, kCommandLineName, waker)),
+      outbox(mailbox),
+      results(std::make_shared<CommandResults>(waker)) {
+  if (!Router::global().add(mailbox))
+    throw std::runtime_error("the command line's address is already in use in this process");
+}
+
+ControlOperations::~ControlOperations() {
+  Router::global().remove(*mailbox);
+  mailbox->close();
+}
+
+const ControlOperations::Operation& ControlOperations::operation(const std::string& name) {
+  std::string names;
+  for (const Operation& candidate : kOperations) {
+    if (name == candidate.name) return candidate;
+    names += (names.empty() ? "" : ", ") + std::string(candidate.name);
+  }
+  throw RequestError("unknown op " + quotedValue(name) + "; expected one of " + names);
+}
+
+std::optional<std::string> ControlOperations::perform(std::uint64_t client,
+                                                      const std::string& line) {
+  try {
+    const Json request = parseRequest(line);
+    const std::string name = requiredText(request.get(), "op", "the name of an operation");
+    const Json reply = (this->*operation(name).handler)({client, request.get()});
+    if (!reply) return std::nullopt;
+    return jsonLine(reply.get());
+  } catch (const RequestError& error) {
+    return errorReply(error.what());
+  }
+}
+
+const House::Member& ControlOperations::member(const std::string& rovik) const {
+  const House::Member* found = house.find(rovik);
+  if (found == nullptr) {
+    throw RequestError("there is no rovik " + quotedValue(rovik) +
+                       "; expected a name or an id that 'drovane status' shows");
+  }
+  return *found;
+}
+
+ControlOperations::Pending& ControlOperations::addPending(std::uint64_t client,
+                                                          const House::Member& receiver) {
+  const std::int64_t patience = std::chrono::nanoseconds(RovikHost::kPatience).count();
+  Pending& added = pending[++last_ticket];
+  added.client = client;
+  added.deadline = Clock::now() + patience;
+  added.rovik = receiver.label();
+  return added;
+}
+
+Json ControlOperations::command(const Request& request) {
+  const House::Member& receiver =
+      member(requiredText(request.fields, "rovik", "a rovik's name or id"));
+  std::vector<std::string> words = requiredWords(request.fields);
+  Pending& waiting = addPending(request.client, receiver);
+  waiting.command = std::make_shared<Command>(
+      std::move(words), [ticket = last_ticket, queue = results](const CommandResult& result) {
+        queue->put(ticket, result);
+      });
+  if (receiver.host().post(waiting.command)) return nullptr;
+  pending.erase(last_ticket);
+  throw RequestError("rovik " + receiver.label() + " does not run; expected it to be started");
+}
+
+Json ControlOperations::send(const Request& request) {
+  const RecordOwner msg = messageFrom(request.fields);
+  const auto to = optionalText(request.fields, "to");
+  if (to && *to != "BC") msg->dst = static_cast<std::uint32_t>(member(*to).config.id);
+  const int receivers = outbox.sendNow(*msg);
+  if (receivers < 0) throw RequestError("the message could not be delivered");
+  Json reply = okReply();
+  cJSON_AddNumberToObject(reply.get(), "receivers", receivers);
+  return reply;
+}
+
+Json ControlOperations::get(const Request& request) {
+  const RecordOwner msg = dataRequestFrom(request.fields);
+  const House::Member& receiver =
+      member(requiredText(request.fields, "to", "a rovik's name or id"));
+  msg->dst = static_cast<std::uint32_t>(receiver.config.id);
+  msg->seqnr = Router::global().nextSeqnr();
+  if (outbox.sendNow(*msg) <= 0)
+    throw RequestError("the request could not be delivered to rovik " + receiver.label());
+  addPending(request.client, receiver).seqnr = msg->seqnr;
+  return nullptr;
+}
+
+Json ControlOperations::memberStatus(const House::Member& of) const {
+  const RovikStatus now = of.host().status();
+  Json row(cJSON_CreateObject());
+  cJSON_AddNumberToObject(row.get(), "id", now.id);
+  cJSON_AddStringToObject(row.get(), "name", now.name.c_str());
+  cJSON_AddStringToObject(row.get(), "plug_in", of.config.plug_in.c_str());
+  cJSON_AddNumberToObject(row.get(), "type", now.type);
+  cJSON_AddBoolToObject(row.get(), "running", now.running);
+  cJSON_AddBoolToObject(row.get(), "link_open", now.link_open);
+  cJSON_AddBoolToObject(row.get(), "held_back", now.held_back);
+  addCount(row, "queued", now.queued);
+  addCount(row, "in", now.received);
+  addCount(row, "out", now.sent);
+  addCount(row, "dropped", now.dropped);
+  addText(row.get(), "warning", now.warning);
+  const bool warned = now.warning_count > 0;
+  cJSON_AddStringToObject(row.get(), "warning_time",
+                          warned ? localTime(now.warning_time, 0).c_str() : "");
+  addCount(row, "warning_count", now.warning_count);
+  cJSON* const description = cJSON_Parse(now.description.c_str());
+  cJSON_AddItemToObject(row.get(), "description",
+                        description != nullptr ? description : cJSON_CreateObject());
+  return row;
+}
+
+Json ControlOperations::status(const Request&) {
+  Json reply = okReply();
+  cJSON_AddStringToObject(reply.get(), "version", version.c_str());
+  cJSON_AddNumberToObject(reply.get(), "pid", ::getpid());
+  addCount(reply, "uptime",
+           static_cast<std::uint64_t>((Clock::now() - started) / Clock::kNanosecondsPerSecond));
+  addText(reply.get(), "config", house.configuration().path);
+  addCount(reply, "undeliverable", Router::global().undeliverable());
+  cJSON* const rows = cJSON_AddArrayToObject(reply.get(), "roviks");
+  for (const House::Member& each : house.all())
+    cJSON_AddItemToArray(rows, memberStatus(each).release());
+  return reply;
+}
+
+Json ControlOperations::watchMessages(const Request& request) {
+  watch.add(request.client);
+  return okReply();
+}
+
+Json ControlOperations::versionOnly(const Request&) {
+  Json reply = okReply();
+  cJSON_AddStringToObject(reply.get(), "version", version.c_str());
+  cJSON_AddNumberToObject(reply.get(), "pid", ::getpid());
+  return reply;
+}
+
+bool ControlOperations::waiting() const { return !results->empty() || !mailbox->empty(); }
+
+std::optional<std::int64_t> ControlOperations::nextDeadline() const {
+  std::int64_t next = kNever;
+  for (const auto& [ticket, waiting] : pending) next = std::min(next, waiting.deadline);
+  return next != kNever ? std::optional(next) : std::nullopt;
+}
+
+void ControlOperations::collect(const Answer& answer) {
+  collectResults(answer);
+  collectReplies(answer);
+  collectOverdue(answer);
+}
+
+void ControlOperations::collectResults(const Answer& answer) {
+  for (const CommandResults::Entry& entry : results->take()) {
+    auto found = pending.extract(entry.ticket);
+    if (!found) continue;  // overdue, or the client is gone
+    const Pending& waiting = found.mapped();
+    if (!entry.result.answered) {
+      answer(waiting.client, errorReply("rovik " + waiting.rovik + ": " + entry.result.text));
+      continue;
+    }
+    const Json reply = okReply();
+    addText(reply.get(), "reply", entry.result.text);
+    answer(waiting.client, jsonLine(reply.get()));
+  }
+}
+
+void ControlOperations::collectReplies(const Answer& answer) {
+  std::vector<RovikMessage*> batch;
+  mailbox->take(batch);
+  for (RovikMessage* msg : batch) {
+    collectReply(*msg, answer);
+    RecordPool::release(msg);
+  }
+  mailbox->left(0);
+}
+
+void ControlOperations::collectReply(RovikMessage& msg, const Answer& answer) {
+  if (msg.type != MM_DATA && msg.type != MM_CMD_RESPONSE) return;
+  const auto asked = std::find_if(pending.begin(), pending.end(), [&](const auto& entry) {
+    return entry.second.seqnr != 0 && entry.second.seqnr == msg.seqnr;
+  });
+  if (asked == pending.end()) return;
+  const std::uint64_t client = asked->second.client;
+  pending.erase(asked);
+  const Json reply = okReply();
+  cJSON_AddItemToObject(reply.get(), "message", msg.toJSON());
+  answer(client, jsonLine(reply.get()));
+}
+
+void ControlOperations::collectOverdue(const Answer& answer) {
+  const std::int64_t now = Clock::now();
+  for (auto at = pending.begin(); at != pending.end();) {
+    Pending& waiting = at->second;
+    // A command that has its turn is waited for, however long it takes.
+    const bool has_turn =
+        waiting.deadline <= now && waiting.command && !waiting.command->withdraw();
+    if (has_turn) waiting.deadline = kNever;
+    if (waiting.deadline > now) {
+      ++at;
+      continue;
+    }
+    const std::string problem = waiting.command ? "no turn within 5 s, the rovik is busy"
+                                                : "no answer to the request within 5 s";
+    answer(waiting.client, errorReply("rovik " + waiting.rovik + ": " + problem));
+    at = pending.erase(at);
+  }
+}
+
+void ControlOperations::forget(std::uint64_t client) {
+  std::erase_if(pending, [client](auto& entry) {
+    if (entry.second.client != client) return false;
+    if (entry.second.command) entry.second.command->withdraw();
+    return true;
+  });
+}
+
+}  // namespace drovane

@@ -1,0 +1,47 @@
+// Watching clients: every routed message as a line of JSON.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Mailbox.h"
+#include "Waker.h"
+
+namespace drovane {
+
+// Belongs to the control thread. While nobody watches, the router makes no copies.
+class ControlWatch {
+ public:
+  explicit ControlWatch(std::shared_ptr<Waker> its_waker);
+  ~ControlWatch();
+  ControlWatch(const ControlWatch&) = delete;
+  ControlWatch& operator=(const ControlWatch&) = delete;
+
+  void add(std::uint64_t client);
+  void remove(std::uint64_t client);
+  const std::set<std::uint64_t>& clients() const { return watching; }
+
+  // True when messages wait to be handed out.
+  bool waiting() const;
+  // Hands out some of them, so that requests have their turn in a flood. `messages_lost` gets how
+  // many the flood has cost since the last call.
+  void handOut(const std::function<void(const std::string& line)>& to,
+               const std::function<void(std::uint64_t)>& messages_lost);
+
+ private:
+  void open();
+  void close();
+
+  const std::shared_ptr<Waker> waker;
+  std::shared_ptr<Mailbox> tap;  // null while nobody watches
+  std::uint64_t reported_lost = 0;
+  std::set<std::uint64_t> watching;
+  std::vector<RovikMessage*> batch;
+  std::size_t batch_done = 0;
+};
+
+}  // namespace drovane

@@ -1,0 +1,198 @@
+#include "House.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+#include "Clock.h"
+#include "Drovane.h"
+#include "Log.h"
+
+namespace drovane {
+namespace {
+
+using State = House::Member::State;
+
+constexpr std::chrono::milliseconds kLook{2};
+constexpr std::size_t kShownCommand = 200;
+
+void say(const std::string& text) {
+  Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "%s\n", text.c_str());
+}
+
+std::string shown(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+  if (text.size() > kShownCommand) text = text.substr(0, kShownCommand) + "...";
+  Log::makeOneLine(text);
+  return text;
+}
+
+}  // namespace
+
+std::string House::Member::label() const { return std::to_string(config.id) + ' ' + config.name; }
+
+House::House(ConfigFile its_config, Report its_report)
+    : config(std::move(its_config)), report_to(std::move(its_report)) {
+  for (const ConfigRovik& rovik : config.roviks) members.emplace_back(rovik);
+}
+
+House::~House() = default;
+
+bool House::report(int line, const std::string& problem) const {
+  report_to(ConfigError(config.path, line, problem).what());
+  return false;
+}
+
+// Every rovik is tried, so that a check names all that cannot be made.
+bool House::make(PluginLoader& loader) {
+  bool all_made = true;
+  for (Member& member : members) all_made = makeOne(member, loader) && all_made;
+  return all_made;
+}
+
+bool House::makeOne(Member& member, PluginLoader& loader) {
+  const ConfigRovik& wanted = member.config;
+  try {
+    PluginLoader::Made made = loader.make(wanted.plug_in, wanted.id, wanted.name);
+    member.rovik = std::move(made.rovik);
+    member.file = std::move(made.file);
+  } catch (const PluginError& error) {
+    return report(wanted.line, error.what());
+  }
+  if (!member.host().enterRouter())
+    return report(wanted.line, "id or name of rovik " + member.label() + " is already in use");
+  say("rovik " + member.label() + ": plug-in " + wanted.plug_in + " from " + member.file);
+  return true;
+}
+
+bool House::configure() {
+  bool clean = true;
+  for (Member& member : members) clean = (!member.rovik || runCommands(member, false)) && clean;
+  return clean;
+}
+
+// True when every command was run and answered well.
+bool House::runCommands(Member& member, bool strict) {
+  bool clean = true;
+  for (const ConfigCommand& command : member.config.commands) {
+    if (cancelled) return clean;
+    clean = runCommand(member, command) && clean;
+    if (strict && !clean) return false;
+  }
+  return clean;
+}
+
+bool House::runCommand(Member& member, const ConfigCommand& command) {
+  const CommandResult result = member.host().command(command.words);
+  const std::string rovik = "rovik " + member.label() + ": ";
+  if (result.answered && result.text.empty()) {
+    return report(command.line, rovik + "nothing handled '" + shown(command.words) +
+                                    "'; expected a command of " + member.config.plug_in +
+                                    " (some need the script or an open link)");
+  }
+  if (!result.answered || result.text.starts_with("ERROR")) {
+    return report(command.line,
+                  rovik + "'" + shown(command.words) + "' was answered with " + result.text);
+  }
+  return true;
+}
+
+bool House::start(bool strict) {
+  for (Member& member : members) {
+    State expected = State::Idle;
+    if (cancelled || !member.state.compare_exchange_strong(expected, State::Configuring))
+      return true;
+    const bool clean = runCommands(member, strict);
+    const bool runs = !cancelled && (clean || !strict) && startThread(member);
+    member.state = runs ? State::Running : State::Idle;
+    if (strict && !(clean && (runs || cancelled))) return false;
+  }
+  return true;
+}
+
+bool House::startThread(Member& member) {
+  const int error = member.host().start();
+  if (error != 0) {
+    return report(member.config.line, "the thread of rovik " + member.label() +
+                                          " could not be started: " + std::strerror(error));
+  }
+  say("rovik " + member.label() + ": started");
+  return true;
+}
+
+void House::stop() {
+  cancelled = true;
+  const std::int64_t patience = Clock::now() + std::chrono::nanoseconds(kFarewellPatience).count();
+  // No rovik tells when its loop has ended: looking every few milliseconds is enough here.
+  for (std::size_t ended = 0; ended < members.size(); std::this_thread::sleep_for(kLook)) {
+    const bool late = Clock::now() > patience;
+    const auto idle = static_cast<std::size_t>(
+        std::count_if(members.begin(), members.end(),
+                      [](const Member& member) { return member.state == State::Idle; }));
+    const bool others_ended = ended + idle == members.size();
+    ended = 0;
+    for (Member& member : members) ended += advance(member, late, others_ended) ? 1 : 0;
+  }
+}
+
+// One step towards the end of one rovik, without waiting for it. True when it has ended.
+bool House::advance(Member& member, bool late, bool others_ended) {
+  State state = member.state;
+  switch (state) {
+    case State::Idle:
+      // Its last commands run on this thread, so it comes after those that have their own.
+      if ((late || others_ended) && member.state.compare_exchange_strong(state, State::Stopping))
+        end(member);
+      break;
+    case State::Configuring:
+      break;
+    case State::Running:
+      member.farewell.emplace(member.host()).post();
+      member.state = State::Leaving;
+      break;
+    case State::Leaving:
+      if (!member.farewell->over() && !late) break;
+      member.host().askToStop();
+      member.state = State::Stopping;
+      break;
+    case State::Stopping:
+      if (!member.host().status().running) end(member);
+      break;
+    case State::Ended:
+      break;
+  }
+  return member.state == State::Ended;
+}
+
+void House::end(Member& member) {
+  if (member.rovik) {
+    member.rovik->stop();
+    if (!member.farewell) member.farewell.emplace(member.host());
+    member.farewell->runRest();
+    member.farewell.reset();
+    member.rovik.reset();
+    say("rovik " + member.label() + ": stopped");
+  }
+  member.state = State::Ended;
+}
+
+std::vector<std::string> House::unended() const {
+  std::vector<std::string> labels;
+  for (const Member& member : members) {
+    const State state = member.state;
+    if (state != State::Idle && state != State::Ended) labels.push_back(member.label());
+  }
+  return labels;
+}
+
+const House::Member* House::find(std::string_view rovik) const {
+  const auto found = std::find_if(members.begin(), members.end(), [&](const Member& member) {
+    return member.config.name == rovik || std::to_string(member.config.id) == rovik;
+  });
+  return found != members.end() ? &*found : nullptr;
+}
+
+}  // namespace drovane

@@ -1,0 +1,86 @@
+// The command line itself: help, version, usage errors, and what happens when nothing runs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "RunningProgram.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+TEST(CommandLine, TellsItsVersion) {
+  const Finished done = Program().ask({"--version"});
+  EXPECT_EQ(done.status, 0);
+  EXPECT_EQ(done.output, "drovane 0.1.0\n");
+}
+
+class EachSubcommand : public testing::TestWithParam<const char*> {};
+
+TEST_P(EachSubcommand, HasHelpWithAnExample) {
+  const Finished done = Program().ask({GetParam(), "--help"});
+  EXPECT_EQ(done.status, 0);
+  EXPECT_THAT(done.output, HasSubstr("Example: drovane " + std::string(GetParam())));
+}
+
+TEST_P(EachSubcommand, RefusesAnUnknownOption) {
+  const Finished done = Program().ask({GetParam(), "--frobnicate"});
+  EXPECT_EQ(done.status, 2);
+  EXPECT_NE(done.errors, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(CommandLine, EachSubcommand,
+                         testing::Values("run", "check", "cmd", "send", "get", "status", "watch"),
+                         [](const auto& each) { return std::string(each.param); });
+
+class WrongUsage : public testing::TestWithParam<Arguments> {};
+
+TEST_P(WrongUsage, EndsWithStatus2) {
+  const Finished done = Program().ask(GetParam());
+  EXPECT_EQ(done.status, 2);
+  EXPECT_EQ(done.output, "");
+  EXPECT_NE(done.errors, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLine, WrongUsage,
+    testing::Values(Arguments{}, Arguments{"fly"}, Arguments{"run"}, Arguments{"run", "a", "b"},
+                    Arguments{"run", "a", "--log-level", "5"}, Arguments{"cmd"},
+                    Arguments{"cmd", "boiler"}, Arguments{"send", "1_2_3", "int"},
+                    Arguments{"get", "1_2_3", "int"}, Arguments{"status", "now"}));
+
+TEST(CommandLine, NamesAnUnexpectedWord) {
+  EXPECT_EQ(Program().ask({"run", "a", "b"}).errors,
+            "unexpected: b\nRun with --help for more information.\n");
+}
+
+class WithoutAnybodyRunning : public testing::TestWithParam<Arguments> {};
+
+TEST_P(WithoutAnybodyRunning, EndsWithStatus3AndThePathThatWasTried) {
+  const Program program;
+  const Finished done = program.ask(GetParam());
+  EXPECT_EQ(done.status, 3);
+  EXPECT_EQ(done.output, "");
+  EXPECT_EQ(done.errors,
+            "drovane: no running drovane at " + program.control + ": No such file or directory\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(CommandLine, WithoutAnybodyRunning,
+                         testing::Values(Arguments{"cmd", "boiler", "open"},
+                                         Arguments{"send", "1_2_3", "int", "4"},
+                                         Arguments{"get", "1_2_3", "int", "--to", "boiler"},
+                                         Arguments{"status"}, Arguments{"watch"}));
+
+TEST(CommandLine, LooksForTheControlSocketInTheRuntimeFolder) {
+  const TempFolder folder;
+  const Finished done = runToEnd({DROVANE_PROGRAM, "status"},
+                                 {{"DROVANE_CONTROL", ""}, {"XDG_RUNTIME_DIR", folder.path()}});
+  EXPECT_THAT(done.errors, HasSubstr("no running drovane at " + (folder / "drovane.sock") + ":"));
+}
+
+TEST(CommandLine, OptionForTheControlSocketGoesFirst) {
+  const Finished done = Program().ask({"status", "--control", "/nowhere/socket"});
+  EXPECT_EQ(done.status, 3);
+  EXPECT_THAT(done.errors, HasSubstr("no running drovane at /nowhere/socket:"));
+}
+
+}  // namespace
