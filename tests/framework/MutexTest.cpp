@@ -6,12 +6,18 @@
 
 namespace {
 
+// The compiler's checks know neither recursion nor a lock that was not to be had.
+bool lockUnchecked(Mutex& mutex) DROVANE_TS(no_thread_safety_analysis);
+bool lockUnchecked(Mutex& mutex) { return mutex.lock(); }
+void unlockUnchecked(Mutex& mutex) DROVANE_TS(no_thread_safety_analysis);
+void unlockUnchecked(Mutex& mutex) { mutex.unlock(); }
+
 TEST(MutexTest, TheHolderMayLockAgain) {
   Mutex mutex;
-  EXPECT_TRUE(mutex.lock());
-  EXPECT_TRUE(mutex.lock());
-  mutex.unlock();
-  mutex.unlock();
+  EXPECT_TRUE(lockUnchecked(mutex));
+  EXPECT_TRUE(lockUnchecked(mutex));
+  unlockUnchecked(mutex);
+  unlockUnchecked(mutex);
 }
 
 TEST(MutexTest, OneThreadAtATimeIsBehindTheLock) {
@@ -34,8 +40,8 @@ TEST(MutexTest, TheGuardLetsGoAtTheEndOfItsScope) {
   { const MutexLock guard(mutex); }
   bool locked = false;
   std::thread([&] {
-    locked = mutex.lock();
-    if (locked) mutex.unlock();
+    locked = lockUnchecked(mutex);
+    if (locked) unlockUnchecked(mutex);
   }).join();
   EXPECT_TRUE(locked);
 }

@@ -1,0 +1,337 @@
+// The link over TCP: how it opens and closes, and what a failure reports.
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "NetTest.h"
+#include "framework/Descriptor.h"
+
+namespace {
+
+using testing::MatchesRegex;
+
+class OpenClose : public NetTest {
+ protected:
+  void pointAt(int port) {
+    net->command({"host", "127.0.0.1"});
+    net->command({"port", std::to_string(port)});
+    newLines();
+  }
+
+  // Opening fails with this report, and the link is closed as before.
+  void expectFailure(const std::string& report) {
+    EXPECT_EQ("ERROR", net->command({"open"}));
+    EXPECT_EQ(-1, net->fd);
+    EXPECT_EQ((Lines{traceLine("opening TCP socket"), errorLine(report), errorLine("open failed")}),
+              newLines());
+    EXPECT_EQ("open failed", warning());
+    EXPECT_EQ(2U, warnings());
+  }
+
+  // Something in the buffer that opening and closing must remove.
+  void soilBuffer() {
+    net->inbuf[0] = 'x';
+    net->inbuf[4095] = 'y';
+    net->inbufpos = 7;
+  }
+};
+
+TEST_F(OpenClose, OpenConnectsAndSaysSoOnlyInTheTrace) {
+  TcpPeer peer;
+  pointAt(peer.port());
+  EXPECT_EQ("OK", net->command({"open"}));
+  EXPECT_GE(net->fd, 0);
+  EXPECT_EQ(Lines{traceLine("opening TCP socket")}, newLines());
+  peer.accept();
+  deliver(peer, "x");
+  EXPECT_EQ(0U, warnings());
+}
+
+TEST_F(OpenClose, OpenLinkBlocksAndIsNotInherited) {
+  TcpPeer peer;
+  openTo(peer);
+  EXPECT_EQ(0, fcntl(net->fd, F_GETFL) & O_NONBLOCK);
+  EXPECT_EQ(FD_CLOEXEC, fcntl(net->fd, F_GETFD));
+}
+
+TEST_F(OpenClose, OpenRemembersBothAddresses) {
+  TcpPeer peer;
+  openTo(peer);
+  EXPECT_EQ(AF_INET, net->p_addr.sin_family);
+  EXPECT_EQ(htonl(INADDR_LOOPBACK), net->p_addr.sin_addr.s_addr);
+  EXPECT_EQ(peer.port(), ntohs(net->p_addr.sin_port));
+  EXPECT_THAT(net->p_addr.sin_zero, testing::Each(0));
+  EXPECT_EQ(AF_INET, net->l_addr.sin_family);
+  EXPECT_EQ(htonl(INADDR_ANY), net->l_addr.sin_addr.s_addr);
+  EXPECT_EQ(0, net->l_addr.sin_port);
+}
+
+TEST_F(OpenClose, OpeningAnOpenLinkDoesNothing) {
+  TcpPeer peer;
+  openTo(peer);
+  const int link = net->fd;
+  soilBuffer();
+  EXPECT_EQ(0, net->openGeneric());
+  EXPECT_EQ(link, net->fd);
+  EXPECT_EQ(7, net->inbufpos);
+  EXPECT_EQ('x', net->inbuf[0]);
+  EXPECT_EQ('y', net->inbuf[4095]);
+  EXPECT_EQ(Lines{}, newLines());
+  EXPECT_FALSE(peer.linkWaits());
+}
+
+TEST_F(OpenClose, OpenEmptiesTheBuffer) {
+  TcpPeer peer;
+  soilBuffer();
+  openTo(peer);
+  EXPECT_EQ(0, net->inbufpos);
+  EXPECT_TRUE(net->bufferIsClean());
+}
+
+TEST_F(OpenClose, FailedOpenEmptiesTheBufferToo) {
+  const RefusingPort nobody;
+  pointAt(nobody.port());
+  soilBuffer();
+  EXPECT_EQ(-1, net->openGeneric());
+  EXPECT_EQ(0, net->inbufpos);
+  EXPECT_TRUE(net->bufferIsClean());
+}
+
+TEST_F(OpenClose, CloseEndsTheLinkWithoutAWord) {
+  TcpPeer peer;
+  openTo(peer);
+  const int link = net->fd;
+  EXPECT_EQ("OK", net->command({"close"}));
+  EXPECT_EQ(-1, net->fd);
+  EXPECT_EQ(-1, fcntl(link, F_GETFD));
+  EXPECT_EQ(Lines{}, newLines());
+  EXPECT_TRUE(peer.seesEnd());
+}
+
+TEST_F(OpenClose, CloseDropsWhatWaitsInTheBuffer) {
+  TcpPeer peer;
+  openTo(peer);
+  soilBuffer();
+  net->closeGeneric();
+  EXPECT_EQ(0, net->inbufpos);
+  EXPECT_TRUE(net->bufferIsClean());
+  EXPECT_EQ(Lines{}, newLines());
+}
+
+TEST_F(OpenClose, ClosingAClosedLinkDoesNothing) {
+  soilBuffer();
+  EXPECT_EQ(0, net->closeGeneric());
+  EXPECT_EQ(7, net->inbufpos);
+  EXPECT_EQ('x', net->inbuf[0]);
+  EXPECT_EQ(Lines{}, newLines());
+}
+
+TEST_F(OpenClose, TransportsOwnCloseDoesNothing) {
+  TcpPeer peer;
+  openTo(peer);
+  EXPECT_EQ(0, net->closeTCP());
+  EXPECT_GE(net->fd, 0);
+}
+
+TEST_F(OpenClose, UnknownTransportIsClosedBeforeItIsReported) {
+  TcpPeer peer;
+  openTo(peer);
+  soilBuffer();
+  net->commode = static_cast<ComMode>(17);
+  EXPECT_EQ("ERROR", net->command({"close"}));
+  EXPECT_EQ(-1, net->fd);
+  EXPECT_TRUE(net->bufferIsClean());
+  EXPECT_EQ(Lines{errorLine("could not close")}, newLines());
+  EXPECT_EQ("could not close", warning());
+  EXPECT_TRUE(peer.seesEnd());
+}
+
+TEST_F(OpenClose, UnknownTransportDoesNotOpen) {
+  net->commode = static_cast<ComMode>(17);
+  EXPECT_EQ("ERROR", net->command({"open"}));
+  EXPECT_EQ(Lines{errorLine("open failed")}, newLines());
+  EXPECT_EQ("open failed", warning());
+}
+
+TEST_F(OpenClose, ReopensAfterAClose) {
+  TcpPeer peer;
+  openTo(peer);
+  net->command({"close"});
+  openTo(peer);
+  deliver(peer, "x");
+  EXPECT_GE(net->fd, 0);
+}
+
+TEST_F(OpenClose, RefusedPort) {
+  const RefusingPort nobody;
+  pointAt(nobody.port());
+  expectFailure("getsockopt (errno: 111 Connection refused)");
+}
+
+TEST_F(OpenClose, PortThatDoesNotAnswerFailsAfterASecond) {
+  const UnansweringPort nobody;
+  pointAt(nobody.port());
+  const auto begun = std::chrono::steady_clock::now();
+  expectFailure("connect timeout");
+  const auto took = std::chrono::steady_clock::now() - begun;
+  EXPECT_GE(took, std::chrono::milliseconds(950));
+  EXPECT_LE(took, std::chrono::seconds(5));
+}
+
+TEST_F(OpenClose, NamesAreNotResolved) {
+  for (const char* host : {"localhost", "example.org", "", "127.0.0.256", "1.2.3.4.5", "::1"}) {
+    net->command({"host", host});
+    net->command({"port", "1"});
+    newLines();
+    EXPECT_EQ("ERROR", net->command({"open"})) << host;
+    EXPECT_EQ(-1, net->fd);
+    const Lines lines = newLines();
+    ASSERT_EQ(3U, lines.size());
+    EXPECT_EQ(traceLine("opening TCP socket"), lines[0]);
+    EXPECT_EQ(2, lines[1].level);
+    EXPECT_THAT(lines[1].text, MatchesRegex("invalid ip address \\(errno: [0-9]+ .+\\)"));
+    EXPECT_EQ(errorLine("open failed"), lines[2]);
+  }
+}
+
+TEST_F(OpenClose, FailuresLeakNoDescriptor) {
+  const RefusingPort nobody;
+  const int next = drovane::Descriptor(dup(0)).get();
+  pointAt(nobody.port());
+  net->command({"open"});
+  net->command({"host", "no address"});
+  net->command({"open"});
+  EXPECT_EQ(next, drovane::Descriptor(dup(0)).get());
+}
+
+// Takes every descriptor below FD_SETSIZE for as long as it lives.
+class LowDescriptorsTaken {
+ public:
+  LowDescriptorsTaken() {
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit raised = before;
+    raised.rlim_cur = std::max<rlim_t>(before.rlim_cur, FD_SETSIZE + 64);
+    possible = setrlimit(RLIMIT_NOFILE, &raised) == 0;
+    while (possible) {
+      drovane::Descriptor next(dup(0));
+      if (!next) throw std::runtime_error("no more descriptors");
+      if (next.get() >= FD_SETSIZE) return;
+      taken.push_back(std::move(next));
+    }
+  }
+  ~LowDescriptorsTaken() { setrlimit(RLIMIT_NOFILE, &before); }
+  bool possible = false;
+
+ private:
+  rlimit before{};
+  std::vector<drovane::Descriptor> taken;
+};
+
+TEST_F(OpenClose, DescriptorThatDoesNotFitIntoReadfdsFailsTheOpening) {
+  TcpPeer peer;
+  pointAt(peer.port());
+  const LowDescriptorsTaken taken;
+  if (!taken.possible) GTEST_SKIP() << "the hard limit of descriptors is below FD_SETSIZE";
+  const int next = drovane::Descriptor(dup(0)).get();
+  ASSERT_GE(next, FD_SETSIZE);
+  expectFailure("allocate socket (errno: 24 Too many open files)");
+  EXPECT_FALSE(peer.linkWaits());
+  EXPECT_EQ(next, drovane::Descriptor(dup(0)).get());
+}
+
+TEST_F(OpenClose, NoDescriptorLeftFailsTheOpening) {
+  pointAt(1);
+  rlimit before{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+  const rlimit none{3, before.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  expectFailure("allocate socket (errno: 24 Too many open files)");
+  EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+}
+
+// What is not there yet answers as an action that fails, in closed and open state alike.
+TEST_F(OpenClose, TransportsThatAreNotThereYetDoNotOpen) {
+  for (const char* mode : {"udp", "tty", "ssl"}) {
+    net->command({"mode", mode});
+    newLines();
+    EXPECT_EQ("ERROR", net->command({"open"})) << mode;
+    EXPECT_EQ(-1, net->fd);
+    EXPECT_EQ(Lines{errorLine("open failed")}, newLines());
+    EXPECT_EQ("open failed", warning());
+  }
+}
+
+TEST_F(OpenClose, ModemLinesNeedASerialLink) {
+  TcpPeer peer;
+  openTo(peer);
+  const struct {
+    const char* keyword;
+    const char* word;
+    const char* reason;
+    const char* text;
+  } kRows[] = {
+      {"dtr", "on", "DTR: not in tty mode", "could not set DTR"},
+      {"dtr", "off", "DTR: not in tty mode", "could not clear DTR"},
+      {"dtr", "ON", "DTR: not in tty mode", "could not clear DTR"},
+      {"rts", "on", "RTS: not in tty mode", "could not set RTS"},
+      {"rts", "off", "RTS: not in tty mode", "could not clear RTS"},
+  };
+  for (const auto& row : kRows) {
+    EXPECT_EQ("ERROR", net->command({row.keyword, row.word}));
+    EXPECT_EQ((Lines{errorLine(row.reason), errorLine(row.text)}), newLines());
+    EXPECT_EQ(row.text, warning());
+  }
+  EXPECT_GE(net->fd, 0);
+}
+
+TEST_F(OpenClose, TestSendsFiveBytes) {
+  TcpPeer peer;
+  openTo(peer);
+  net->command({"addeol", "on"});
+  newLines();
+  EXPECT_EQ("OK", net->command({"test"}));
+  EXPECT_EQ(Lines{}, newLines());
+  EXPECT_EQ("OK", net->command({"close"}));
+  EXPECT_EQ("TEST\n", peer.receive(6));
+}
+
+TEST_F(OpenClose, TestOnABrokenLinkReportsAndCloses) {
+  TcpPeer peer;
+  openTo(peer);
+  peer.reset();
+  awaitEnd();
+  EXPECT_EQ("ERROR", net->command({"test"}));
+  EXPECT_EQ(-1, net->fd);
+  EXPECT_EQ(Lines{errorLine("send (errno: 104 Connection reset by peer)")}, newLines());
+  EXPECT_EQ("send (errno: 104 Connection reset by peer)", warning());
+}
+
+// The signal of a broken pipe would end the process.
+TEST_F(OpenClose, TestOnALinkThatMayNotSendReportsAndCloses) {
+  TcpPeer peer;
+  openTo(peer);
+  ASSERT_EQ(0, ::shutdown(net->fd, SHUT_WR));
+  EXPECT_EQ("ERROR", net->command({"test"}));
+  EXPECT_EQ(Lines{errorLine("send (errno: 32 Broken pipe)")}, newLines());
+  EXPECT_EQ("", net->command({"test"}));
+}
+
+TEST_F(OpenClose, TestOverTlsSendsNothing) {
+  TcpPeer peer;
+  openTo(peer);
+  net->commode = COM_SSL;
+  EXPECT_EQ("OK", net->command({"test"}));
+  net->commode = COM_TCP;
+  net->command({"close"});
+  EXPECT_EQ("", peer.receive(1));
+}
+
+}  // namespace
