@@ -65,7 +65,8 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
   void take(std::vector<RovikMessage*>& batch);
   void left(std::size_t count);
 
-  // From now on the first answer to request `seqnr` is not queued but kept for the waiting receiver.
+  // From now on the first answer to request `seqnr` is not queued but kept for the waiting
+  // receiver.
   void beginWait(std::uint32_t seqnr);
   // True when there is nothing more to wait for: the answer is there, or the mailbox was closed.
   bool replied() const;

@@ -68,13 +68,14 @@ void addNumber(cJSON* object, const char* field, std::uint32_t number) {
   cJSON_AddNumberToObject(object, field, number);
 }
 
-// Absent is fine and leaves the number alone; anything but a whole number within 32 bits is not.
-bool readNumber(const cJSON* object, const char* field, std::uint32_t& number) {
+// Absent is fine and leaves the number alone; anything but a whole number between `lowest` and the
+// largest of 32 bits is not.
+bool readNumber(const cJSON* object, const char* field, std::uint32_t& number, double lowest = 0) {
   const cJSON* item = cJSON_GetObjectItemCaseSensitive(object, field);
   if (item == nullptr) return true;
   if (!cJSON_IsNumber(item)) return false;
   const double value = item->valuedouble;
-  if (!(value >= INT32_MIN && value <= UINT32_MAX) || value != std::trunc(value)) return false;
+  if (!(value >= lowest && value <= UINT32_MAX) || value != std::trunc(value)) return false;
   number = static_cast<std::uint32_t>(static_cast<std::int64_t>(value));
   return true;
 }
@@ -144,7 +145,7 @@ bool readValue(const cJSON* object, Record& record) {
   const cJSON* item = cJSON_GetObjectItemCaseSensitive(object, "value");
   if (record.value_type == VAL_STRING) return readText(object, "value", record.value_s);
   if (record.value_type == VAL_FLOAT) return readFloat(item, record.value_f);
-  return item != nullptr && readNumber(object, "value", record.value_i);
+  return item != nullptr && readNumber(object, "value", record.value_i, INT32_MIN);
 }
 
 bool readHeader(const cJSON* object, RovikMessage& msg) {
@@ -188,7 +189,7 @@ bool readPayload(const cJSON* object, RovikMessage& msg) {
     case MM_CMD_RESPONSE:
       return readText(object, "rsp", static_cast<MMCmdResponse&>(msg).rsp);
     case MM_MSG:
-      return readNumber(object, "channel", static_cast<MMMsg&>(msg).channel) &&
+      return readNumber(object, "channel", static_cast<MMMsg&>(msg).channel, INT32_MIN) &&
              readText(object, "msg", static_cast<MMMsg&>(msg).msg);
     default:
       return true;

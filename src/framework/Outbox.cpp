@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Clock.h"
 #include "Drovane.h"
 #include "Log.h"
 #include "RecordPool.h"
@@ -9,14 +10,6 @@
 
 namespace drovane {
 namespace {
-
-void stampTime(MMData& data) {
-  if (data.tv_sec != 0 || data.tv_usec != 0) return;
-  timeval now{};
-  TimeValue::getCurrentSystemTime(now);
-  data.tv_sec = static_cast<std::uint32_t>(now.tv_sec);
-  data.tv_usec = static_cast<std::uint32_t>(now.tv_usec);
-}
 
 bool isBroadcast(const RovikMessage& msg) { return msg.dst == NO_DESTINATION && msg.dst_s.empty(); }
 
@@ -48,11 +41,40 @@ const AddressTable& Outbox::currentTable() {
   return *table;
 }
 
-void Outbox::stamp(RovikMessage& msg) const {
-  if (msg.seqnr == 0) msg.seqnr = router.nextSeqnr();
+void Outbox::stamp(RovikMessage& msg, std::uint32_t seqnr) const {
+  if (msg.seqnr == 0) msg.seqnr = seqnr;
   if (msg.src == 0) msg.src = static_cast<std::uint32_t>(own->id);
   if (msg.src_s.empty()) msg.src_s = own->name;
-  if (msg.type == MM_DATA) stampTime(static_cast<MMData&>(msg));
+}
+
+void Outbox::stampTime(RovikMessage& msg, const timeval& now) {
+  if (msg.type != MM_DATA) return;
+  auto& data = static_cast<MMData&>(msg);
+  if (data.tv_sec != 0 || data.tv_usec != 0) return;
+  data.tv_sec = static_cast<std::uint32_t>(now.tv_sec);
+  data.tv_usec = static_cast<std::uint32_t>(now.tv_usec);
+}
+
+// Reading the time costs more than anything else on the way of a short line. What one slot sends
+// within a tick of the kernel's clock has the time of the first of these messages.
+const timeval& Outbox::timeOfSlot() {
+  const std::int64_t tick = Clock::coarse();
+  if (tick != slot_tick) {
+    TimeValue::getCurrentSystemTime(slot_time);
+    slot_tick = tick;
+  }
+  return slot_time;
+}
+
+// Numbers are fetched in blocks: the counter is shared by all senders.
+std::uint32_t Outbox::nextSeqnr() {
+  if (seqnr_left == 0) {
+    next_seqnr = router.reserveSeqnrs(kSeqnrBlock);
+    seqnr_left = kSeqnrBlock;
+  }
+  --seqnr_left;
+  const std::uint32_t number = next_seqnr++;
+  return number != 0 ? number : nextSeqnr();
 }
 
 int Outbox::addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out) {
@@ -67,43 +89,41 @@ int Outbox::addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out
 
 // One record for all: the receivers share it.
 int Outbox::broadcast(const AddressTable& roviks, RovikMessage* copy, std::vector<Pending>& out) {
-  std::uint32_t receivers = 0;
-  for (const auto& mailbox : roviks.roviks()) {
-    if (mailbox == own) continue;
-    RecordPool::share(copy, 1);
-    out.push_back({mailbox.get(), copy});
-    ++receivers;
-  }
-  RecordPool::release(copy);
+  const std::size_t before = out.size();
+  for (const auto& mailbox : roviks.roviks())
+    if (mailbox != own) out.push_back({mailbox.get(), copy});
+  const auto receivers = static_cast<std::uint32_t>(out.size() - before);
+  if (receivers == 0) RecordPool::release(copy);
+  if (receivers > 1) RecordPool::share(copy, receivers - 1);
   return static_cast<int>(receivers);
 }
 
-int Outbox::route(const AddressTable& addresses, const RovikMessage& msg,
-                  std::vector<Pending>& out) {
-  RovikMessage* copy = RecordPool::copy(msg);
-  if (copy == nullptr) return -1;
-  stamp(*copy);
-  sent_count.fetch_add(1, std::memory_order_relaxed);
+// Takes over the stamped copy.
+int Outbox::route(const AddressTable& addresses, RovikMessage* copy, std::vector<Pending>& out) {
   if (router.tapped()) router.copyToTap(copy);
   if (isBroadcast(*copy)) return broadcast(addresses, copy, out);
   return addressed(find(addresses, *copy), copy, out);
 }
 
 int Outbox::send(const RovikMessage& msg) {
-  const int receivers = route(currentTable(), msg, pending);
+  RovikMessage* copy = RecordPool::copy(msg);
+  if (copy == nullptr) return -1;
+  stamp(*copy, copy->seqnr == 0 ? nextSeqnr() : copy->seqnr);
+  if (copy->type == MM_DATA) stampTime(*copy, timeOfSlot());
+  sent_inside.store(sent_inside.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  const int receivers = route(currentTable(), copy, pending);
   if (pending.size() >= kBatch) flush();
   return receivers;
 }
 
 std::uint32_t Outbox::sendRequest(const RovikMessage& msg) {
   flush();
-  const AddressTable& addresses = currentTable();
+  const std::uint32_t seqnr = msg.seqnr != 0 ? msg.seqnr : nextSeqnr();
   RovikMessage* request = RecordPool::copy(msg);
   if (request == nullptr) return 0;
-  if (request->seqnr == 0) request->seqnr = router.nextSeqnr();
-  const std::uint32_t seqnr = request->seqnr;
+  request->seqnr = seqnr;
   own->beginWait(seqnr);
-  const int receivers = route(addresses, *request, pending);
+  const int receivers = send(*request);
   RecordPool::release(request);
   flush();
   if (receivers > 0) return seqnr;
@@ -112,15 +132,23 @@ std::uint32_t Outbox::sendRequest(const RovikMessage& msg) {
 }
 
 int Outbox::sendNow(const RovikMessage& msg) {
-  const auto addresses = router.table();
+  RovikMessage* copy = RecordPool::copy(msg);
+  if (copy == nullptr) return -1;
+  stamp(*copy, copy->seqnr == 0 ? router.nextSeqnr() : copy->seqnr);
+  timeval now{};
+  TimeValue::getCurrentSystemTime(now);
+  stampTime(*copy, now);
+  sent_outside.fetch_add(1, std::memory_order_relaxed);
   std::vector<Pending> out;
   std::vector<RovikMessage*> run;
-  const int receivers = route(*addresses, msg, out);
+  const auto addresses = router.table();
+  const int receivers = route(*addresses, copy, out);
   handOver(out, run);
   return receivers;
 }
 
 void Outbox::flush() {
+  slot_tick = 0;
   if (pending.empty()) return;
   handOver(pending, batch);
   for (const Pending& entry : pending) noteCrowd(*entry.to);

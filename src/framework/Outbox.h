@@ -10,6 +10,7 @@
 #include "Mailbox.h"
 #include "Router.h"
 #include "RovikMessage.h"
+#include "TimeValue.h"
 
 namespace drovane {
 
@@ -22,8 +23,7 @@ class Outbox {
   Outbox(const Outbox&) = delete;
   Outbox& operator=(const Outbox&) = delete;
 
-  // --- The thread that is inside the rovik
-  // --------------------------------------------------------
+  // --- The thread that is inside the rovik ---
 
   // Routes a copy of `msg`; it waits here until flush, or until enough messages wait. Returns how
   // many receivers it has, or -1 when nobody has the address.
@@ -39,22 +39,29 @@ class Outbox {
   // True while a mailbox that this sender feeds has not drained; `waker` is woken when it has.
   bool heldBack();
 
-  // --- Any thread --------------------------------------------------------------------------------
+  // --- Any thread ---
 
   // Routes a copy of `msg` and hands it over at once.
   int sendNow(const RovikMessage& msg);
 
-  std::uint64_t sent() const { return sent_count.load(std::memory_order_relaxed); }
+  std::uint64_t sent() const {
+    return sent_inside.load(std::memory_order_relaxed) +
+           sent_outside.load(std::memory_order_relaxed);
+  }
 
  private:
   struct Pending {
     Mailbox* to;
     RovikMessage* msg;
   };
+  static constexpr std::uint32_t kSeqnrBlock = 256;
   static constexpr std::size_t kBatch = 512;  // all lines of one read, as a rule
 
-  void stamp(RovikMessage& msg) const;
-  int route(const AddressTable& table, const RovikMessage& msg, std::vector<Pending>& out);
+  void stamp(RovikMessage& msg, std::uint32_t seqnr) const;
+  static void stampTime(RovikMessage& msg, const timeval& now);
+  const timeval& timeOfSlot();
+  std::uint32_t nextSeqnr();
+  int route(const AddressTable& addresses, RovikMessage* copy, std::vector<Pending>& out);
   int addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out);
   int broadcast(const AddressTable& table, RovikMessage* copy, std::vector<Pending>& out);
   static void handOver(const std::vector<Pending>& out, std::vector<RovikMessage*>& run);
@@ -68,7 +75,12 @@ class Outbox {
   std::vector<Pending> pending;
   std::vector<RovikMessage*> batch;
   std::vector<std::shared_ptr<Mailbox>> crowded;
-  std::atomic<std::uint64_t> sent_count{0};
+  std::uint32_t next_seqnr = 0;
+  std::uint32_t seqnr_left = 0;  // of the reserved block
+  timeval slot_time{};
+  std::int64_t slot_tick = 0;  // when slot_time was read; 0: not since the last flush
+  std::atomic<std::uint64_t> sent_inside{0};  // written by the thread that is inside
+  std::atomic<std::uint64_t> sent_outside{0};
 };
 
 }  // namespace drovane

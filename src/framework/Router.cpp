@@ -78,9 +78,8 @@ void Router::copyToTap(RovikMessage* msg) {
 }
 
 std::uint32_t Router::nextSeqnr() {
-  std::uint32_t number = 0;
-  while (number == 0) number = seqnr.fetch_add(1, std::memory_order_relaxed) + 1;
-  return number;
+  const std::uint32_t number = reserveSeqnrs(1);
+  return number != 0 ? number : reserveSeqnrs(1);
 }
 
 }  // namespace drovane

@@ -56,7 +56,12 @@ class Router {
   bool tapped() const { return tap_set.load(std::memory_order_relaxed); }
   void copyToTap(RovikMessage* msg);
 
-  // A sequence number that is not in use by any request that still waits; never 0.
+  // The first of `count` sequence numbers in a row that nobody else gets before the 32 bits are
+  // through. 0 is not a number to use: a sender passes over it.
+  std::uint32_t reserveSeqnrs(std::uint32_t count) {
+    return seqnr.fetch_add(count, std::memory_order_relaxed);
+  }
+  // One number, never 0.
   std::uint32_t nextSeqnr();
 
   void countUndeliverable() { undeliverable_count.fetch_add(1, std::memory_order_relaxed); }
@@ -73,7 +78,7 @@ class Router {
   std::shared_ptr<Mailbox> tap DROVANE_GUARDED_BY(lock);
   std::atomic<std::uint64_t> table_version{1};
   std::atomic<bool> tap_set{false};
-  std::atomic<std::uint32_t> seqnr{0};
+  std::atomic<std::uint32_t> seqnr{1};
   std::atomic<std::uint64_t> undeliverable_count{0};
 };
 

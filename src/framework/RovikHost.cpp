@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <array>
 #include <condition_variable>
 #include <ctime>
@@ -19,6 +20,13 @@
 
 namespace drovane {
 thread_local const RovikHost* InsideRovik::current = nullptr;
+
+namespace {
+
+// The loop looks again then; it keeps a delay of years within the 32-bit time_t of small machines.
+constexpr std::int64_t kLongestSleep = 3600 * Clock::kNanosecondsPerSecond;
+
+}  // namespace
 
 RovikHost::RovikHost(Rovik& its_rovik, const Identity& identity)
     : rovik(its_rovik),
@@ -89,6 +97,7 @@ void RovikHost::setWarning(std::string text) {
 
 bool RovikHost::pollFor(std::int64_t nanoseconds, int link) {
   std::array<pollfd, 2> watched = {{{waker->descriptor(), POLLIN, 0}, {link, POLLIN, 0}}};
+  nanoseconds = std::min(nanoseconds, kLongestSleep);
   timespec limit{};
   limit.tv_sec = static_cast<time_t>(nanoseconds / Clock::kNanosecondsPerSecond);
   limit.tv_nsec = static_cast<long>(nanoseconds % Clock::kNanosecondsPerSecond);
