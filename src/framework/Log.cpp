@@ -1,12 +1,13 @@
 #include "Log.h"
 
 #include <spdlog/async.h>
+#include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
-#include <cstdarg>
+#include <filesystem>
 #include <mutex>
 #include <shared_mutex>
 #include <stdexcept>
@@ -38,6 +39,15 @@ std::shared_ptr<spdlog::sinks::sink> terminalSink() {
   sink->set_color(spdlog::level::info, "");
   sink->set_color(spdlog::level::debug, "\033[2m");
   return sink;
+}
+
+// A device or a pipe is written to as it is: to begin a new one would mean to rename it.
+std::shared_ptr<spdlog::sinks::sink> fileSink(const std::string& path) {
+  std::error_code unknown;
+  const auto kind = std::filesystem::status(path, unknown).type();
+  if (kind == std::filesystem::file_type::regular || kind == std::filesystem::file_type::not_found)
+    return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, kFileSize, kOldFiles);
+  return std::make_shared<spdlog::sinks::basic_file_sink_mt>(path);
 }
 
 std::shared_ptr<spdlog::logger> prepared(std::shared_ptr<spdlog::logger> logger) {
@@ -96,7 +106,7 @@ void Log::openTerminal() { state->open(terminalSink()); }
 
 void Log::openFile(const std::string& path) {
   try {
-    state->open(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, kFileSize, kOldFiles));
+    state->open(fileSink(path));
   } catch (const spdlog::spdlog_ex& error) {
     throw std::runtime_error("log file '" + path + "' cannot be opened: " + error.what());
   }

@@ -33,8 +33,8 @@ class Log {
   void openTerminal();
 
   // Lines go to `path`, appended; at 10 MB the file becomes `path`.1 and a new one is begun, and
-  // five old ones are kept. Throws std::runtime_error that names the file when it cannot be
-  // opened.
+  // five old ones are kept. What is no regular file is only written to. Throws std::runtime_error
+  // that names the file when it cannot be opened.
   void openFile(const std::string& path);
 
   // Writes what is still waiting and goes back to writing line by line.

@@ -276,6 +276,21 @@ TEST(LogTest, AFloodLosesItsOldestLinesAndSaysHowMany) {
   EXPECT_EQ(arrived + lost, kFlood);
 }
 
+TEST(LogTest, WhatIsNoRegularFileIsNeverRenamed) {
+  const std::string megabyte(1024 * 1024, 'x');
+  const LogFile file;
+  ASSERT_EQ(mkfifo(file.path().c_str(), 0600), 0);
+  PipeReader reader(file.path());
+  Log::global().openFile(file.path());
+  for (int i = 0; i < 12; ++i) {  // a regular file would have been renamed at 10 MB
+    Drovane::global.log(3, 7, "boiler", "%s end %d.\n", megabyte.c_str(), i);
+    ASSERT_TRUE(reader.readUntil(" end " + std::to_string(i) + "."));
+    reader.content.clear();
+  }
+  EXPECT_TRUE(std::filesystem::is_fifo(file.path()));
+  EXPECT_FALSE(std::filesystem::exists(file.path() + ".1"));
+}
+
 TEST(LogTest, TheInstallationRootIsCutToTheBuffer) {
   Drovane::global.setInstRoot("/opt/house");
   std::array<char, 512> buf{};
