@@ -181,6 +181,7 @@ ParsedCommandLine parseCommandLine(std::vector<std::string> arguments) {
   try {
     std::reverse(arguments.begin(), arguments.end());  // the order in which CLI11 takes them
     app.parse(arguments);
+    if (chosen == nullptr) throw CLI::RequiredError::Subcommand(1);
     parsed.subcommand = chosen->body;
     // CLI11 takes a word like [0-9] for a list.
     if (chosen->all_words_after_first)

@@ -44,12 +44,6 @@ void ControlConnection::append(const std::string& line) {
   output += '\n';
 }
 
-bool ControlConnection::reply(const std::string& line) {
-  if (unsent() && !watching && output.size() - sent + line.size() > kOutputBound) return false;
-  append(line);
-  return true;
-}
-
 void ControlConnection::tell(const std::string& line) {
   reportDropped();
   if (dropped > 0 || output.size() - sent + line.size() > kOutputBound)

@@ -18,7 +18,7 @@ class ControlConnection {
 
   explicit ControlConnection(Descriptor socket);
 
-  // --- Requests ---------------------------------------------------------------------------------
+  // --- Requests ---
 
   // Reads what is there. False when the connection is broken.
   bool receive();
@@ -29,12 +29,10 @@ class ControlConnection {
   // The client sends nothing more.
   bool inputEnded() const { return input_ended; }
 
-  // --- Replies and messages
-  // -----------------------------------------------------------------------
+  // --- Replies and messages ---
 
-  // False when so much waits for the client already that it has to go. One reply of any length
-  // always finds room in an empty buffer.
-  bool reply(const std::string& line);
+  // Always finds room: whoever answers requests looks at full before each.
+  void reply(const std::string& line) { append(line); }
   // For a watching client: what finds no room is counted instead, and the client is told with
   // {"dropped":N} as soon as there is room again.
   void tell(const std::string& line);
@@ -42,6 +40,7 @@ class ControlConnection {
   // Writes what the client takes. False when the connection is broken.
   bool flush();
   bool unsent() const { return sent < output.size(); }
+  // So much waits for the client that its further requests have to wait too.
   bool full() const { return output.size() - sent >= kOutputBound; }
 
   int descriptor() const { return socket.get(); }

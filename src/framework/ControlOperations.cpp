@@ -265,10 +265,12 @@ void ControlOperations::collectOverdue(const Answer& answer) {
       ++at;
       continue;
     }
-    const std::string problem = waiting.command ? "no turn within 5 s, the rovik is busy"
-                                                : "no answer to the request within 5 s";
-    answer(waiting.client, errorReply("rovik " + waiting.rovik + ": " + problem));
-    at = pending.erase(at);
+    // Out of the books first: whoever gets the answer may ask on, or may have to go.
+    const auto over = pending.extract(at++);
+    const Pending& unanswered = over.mapped();
+    const std::string problem = unanswered.command ? "no turn within 5 s, the rovik is busy"
+                                                   : "no answer to the request within 5 s";
+    answer(unanswered.client, errorReply("rovik " + unanswered.rovik + ": " + problem));
   }
 }
 

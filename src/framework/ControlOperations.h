@@ -97,8 +97,8 @@ class ControlOperations {
 
   static const Operation& operation(const std::string& name);
   const House::Member& member(const std::string& rovik) const;
-  Json memberStatus(const House::Member& member) const;
-  Pending& addPending(std::uint64_t client, const House::Member& member);
+  Json memberStatus(const House::Member& of) const;
+  Pending& addPending(std::uint64_t client, const House::Member& receiver);
   void collectResults(const Answer& answer);
   void collectReplies(const Answer& answer);
   void collectReply(RovikMessage& msg, const Answer& answer);

@@ -64,8 +64,7 @@ void ControlServer::turn() {
   finish();
 }
 
-// --- Waiting
-// --------------------------------------------------------------------------------------
+// --- Waiting ---
 
 void ControlServer::addPoll(int descriptor, int events, std::uint64_t client) {
   polled.push_back({descriptor, static_cast<short>(events), 0});
@@ -106,8 +105,7 @@ int ControlServer::timeLeft() const {
   return static_cast<int>(left / kNanosecondsPerMillisecond + 1);
 }
 
-// --- Coming and going
-// -----------------------------------------------------------------------------
+// --- Coming and going ---
 
 void ControlServer::acceptAll() {
   if (Clock::now() < accept_again) return;
@@ -168,8 +166,7 @@ void ControlServer::drop(std::uint64_t client) {
   connections.erase(client);
 }
 
-// --- Serving
-// --------------------------------------------------------------------------------------
+// --- Serving ---
 
 void ControlServer::serve(std::uint64_t client, short events) {
   const auto found = connections.find(client);
@@ -193,7 +190,7 @@ bool ControlServer::performRequests(std::uint64_t client, ControlConnection& con
     const auto reply = operations.perform(client, *line);
     connection.watching = watch.clients().contains(client);
     connection.busy = !reply;
-    if (reply && !connection.reply(*reply)) return false;
+    if (reply) connection.reply(*reply);
   }
   if (connection.busy || connection.full() || !connection.tooLong()) return true;
   refuse(connection, "the line is too long; expected at most 65536 bytes");
@@ -204,7 +201,8 @@ void ControlServer::answerLater(std::uint64_t client, const std::string& line) {
   const auto found = connections.find(client);
   if (found == connections.end()) return;
   found->second.busy = false;
-  if (!found->second.reply(line) || !performRequests(client, found->second)) drop(client);
+  found->second.reply(line);
+  if (!performRequests(client, found->second)) drop(client);
 }
 
 void ControlServer::handOutMessages() {

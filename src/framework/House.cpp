@@ -25,7 +25,7 @@ void say(const std::string& text) {
 std::string shown(const std::vector<std::string>& words) {
   std::string text;
   for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
-  if (text.size() > kShownCommand) text = text.substr(0, kShownCommand) + "...";
+  if (text.size() > kShownCommand) text.replace(kShownCommand, std::string::npos, "...");
   Log::makeOneLine(text);
   return text;
 }

@@ -37,7 +37,7 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
   const std::string name;
   const std::shared_ptr<Waker> waker;
 
-  // --- Any thread -------------------------------------------------------------------------------
+  // --- Any thread ---
 
   // Takes over one hold on each message. What finds no room, or a closed mailbox, is released and
   // counted as dropped.
@@ -56,7 +56,7 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
   std::uint64_t received() const { return received_count.load(std::memory_order_relaxed); }
   std::uint64_t dropped() const { return dropped_count.load(std::memory_order_relaxed); }
 
-  // --- The receiver -----------------------------------------------------------------------------
+  // --- The receiver ---
 
   bool empty() const;
 

@@ -63,7 +63,7 @@ class Outbox {
   std::uint32_t nextSeqnr();
   int route(const AddressTable& addresses, RovikMessage* copy, std::vector<Pending>& out);
   int addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out);
-  int broadcast(const AddressTable& table, RovikMessage* copy, std::vector<Pending>& out);
+  int broadcast(const AddressTable& roviks, RovikMessage* copy, std::vector<Pending>& out);
   static void handOver(const std::vector<Pending>& out, std::vector<RovikMessage*>& run);
   void noteCrowd(Mailbox& mailbox);
   const AddressTable& currentTable();

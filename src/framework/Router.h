@@ -17,7 +17,7 @@ namespace drovane {
 // it is the current one, and looks addresses up without a lock.
 class AddressTable {
  public:
-  explicit AddressTable(std::vector<std::shared_ptr<Mailbox>> mailboxes);
+  explicit AddressTable(std::vector<std::shared_ptr<Mailbox>> entries);
 
   Mailbox* byId(std::uint32_t id) const;
   Mailbox* byName(std::string_view name) const;
@@ -50,9 +50,9 @@ class Router {
   // Changes with every change of the table.
   std::uint64_t version() const { return table_version.load(std::memory_order_acquire); }
 
-  // Every routed message is also put into `tap`, null for nowhere. What the tap cannot take is
+  // Every routed message is also put into `mailbox`, null for nowhere. What it cannot take is
   // counted as its drop.
-  void setTap(std::shared_ptr<Mailbox> tap);
+  void setTap(std::shared_ptr<Mailbox> mailbox);
   bool tapped() const { return tap_set.load(std::memory_order_relaxed); }
   void copyToTap(RovikMessage* msg);
 

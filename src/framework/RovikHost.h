@@ -51,8 +51,7 @@ class RovikHost {
 
   static RovikHost& of(Rovik& rovik);
 
-  // --- The owner of the rovik, one thread
-  // ---------------------------------------------------------
+  // --- The owner of the rovik, one thread ---
 
   // Gives the rovik its address. False when its id or name is taken.
   bool enterRouter();
@@ -61,7 +60,7 @@ class RovikHost {
   // Lets the loop end after the event in hand, without waiting: Rovik::stop then waits.
   void askToStop();
 
-  // --- Any thread --------------------------------------------------------------------------------
+  // --- Any thread ---
 
   // Runs a command inside the rovik: directly when its thread does not run, else on its thread,
   // waiting for the turn at most kPatience. Not for the rovik's own thread.

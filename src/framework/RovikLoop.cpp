@@ -86,7 +86,10 @@ void RovikHost::dispatchMessages() {
   }
   outbox.flush();
   mailbox->left(batch.size() - batch_done);
-  if (batch_done == batch.size() && batch.capacity() > kKeptBatch) batch = {};
+  if (batch_done == batch.size() && batch.capacity() > kKeptBatch) {
+    std::vector<RovikMessage*>().swap(batch);
+    batch_done = 0;
+  }
 }
 
 void RovikHost::dispatchMessage(RovikMessage* msg) {

@@ -160,14 +160,40 @@ TEST_F(ControlSocket, LivesWithClientsThatLeaveBeforeTheReply) {
   expectAlive();
 }
 
-TEST_F(ControlSocket, DisconnectsAClientThatDoesNotReadItsReplies) {
+// A house whose status is so long that the replies to one block of requests overfill a client's
+// room.
+std::string largeHouse() {
+  std::string more = "rovik 7 mute hangs\n";
+  for (int id = 100; id < 120; ++id)
+    more += "rovik " + std::to_string(id) + " more" + std::to_string(id) + " echo\n";
+  return houseWith(more);
+}
+
+std::string repeated(const std::string& text, int times) {
+  std::string all;
+  for (int i = 0; i < times; ++i) all += text;
+  return all;
+}
+
+TEST(ControlSocketReplies, AllComeWhenTheClientReadsAtLast) {
+  Program program;
+  program.startReady(largeHouse());
   UnixClient client(program.control);
-  std::string requests;
-  for (int i = 0; i < 1000; ++i) requests += "{\"op\":\"status\"}\n";
-  bool connected = true;
-  for (int i = 0; i < 1000 && connected; ++i) connected = client.send(requests);
-  EXPECT_FALSE(connected);
-  expectAlive();
+  ASSERT_TRUE(client.send(repeated("{\"op\":\"status\"}\n", 1000)));
+  EXPECT_EQ(program.ask({"cmd", "boiler", "say", "alive"}).output, "alive\n");
+  for (int i = 0; i < 1000; ++i) ASSERT_THAT(client.readLine(), StartsWith("{\"ok\":true")) << i;
+}
+
+TEST(ControlSocketReplies, ComeAlsoBehindAnOverdueOne) {
+  Program program;
+  program.startReady(largeHouse());
+  UnixClient client(program.control);
+  ASSERT_TRUE(client.send("{\"op\":\"get\",\"key\":\"1_0_0\",\"type\":\"int\",\"to\":\"mute\"}\n" +
+                          repeated("{\"op\":\"status\"}\n", 1000)));
+  EXPECT_EQ(client.readLine(),
+            R"({"ok":false,"error":"rovik 7 mute: no answer to the request within 5 s"})");
+  for (int i = 0; i < 1000; ++i) ASSERT_THAT(client.readLine(), StartsWith("{\"ok\":true")) << i;
+  EXPECT_EQ(program.ask({"cmd", "boiler", "say", "alive"}).output, "alive\n");
 }
 
 TEST_F(ControlSocket, AWatcherThatDoesNotReadIsToldHowManyMessagesItLost) {

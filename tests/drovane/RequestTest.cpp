@@ -11,8 +11,6 @@ using testing::HasSubstr;
 
 class Requests : public testing::Test {
  protected:
-  Requests() { program.startReady(houseWith("rovik 7 mute hangs\n")); }
-
   // What the rovik has received last, once it is what the test waits for.
   bool lastBecomes(const std::string& rovik, const std::string& expected) const {
     return eventually([&] {
@@ -21,6 +19,7 @@ class Requests : public testing::Test {
   }
 
   Program program;
+  Process& run = program.startReady(houseWith("rovik 7 mute hangs\n"));
 };
 
 TEST_F(Requests, CmdPrintsTheReply) {
@@ -67,6 +66,7 @@ TEST_F(Requests, CmdRefusesAnUnknownRovik) {
 
 TEST_F(Requests, CmdIsGivenUpWhenTheRovikGivesItNoTurn) {
   Process hanging({DROVANE_PROGRAM, "cmd", "--control", program.control, "mute", "hang"});
+  ASSERT_TRUE(run.waitForErrors("mute hangs now"));
   const Finished done = program.ask({"cmd", "mute", "mode"});
   EXPECT_EQ(done.status, 1);
   EXPECT_EQ(done.errors, "drovane: rovik 7 mute: no turn within 5 s, the rovik is busy\n");

@@ -198,6 +198,15 @@ TEST(RovikLoopTest, MessagesThatCameBeforeTheStartAreDeliveredToo) {
   EXPECT_TRUE(rovik->waitForEvent("message early"));
 }
 
+TEST(RovikLoopTest, AHugeBatchIsFollowedByTheNextMessage) {
+  constexpr std::size_t kHuge = 8 * drovane::Mailbox::kHighWater;
+  const auto rovik = TestRovik::make(1, "boiler");
+  for (std::size_t i = 0; i < kHuge; ++i) rovik->messageSnd(to(1, newNote("early")).get());
+  rovik->run();
+  ASSERT_TRUE(rovik->waitForMessages(kHuge));
+  EXPECT_TRUE(goesRound(*rovik));
+}
+
 TEST(RovikLoopTest, WhatASlotSendsLeavesWhenItReturns) {
   const auto receiver = TestRovik::makeRunning(2, "receiver");
   Gate gate;

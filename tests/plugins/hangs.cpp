@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "Drovane.h"
 #include "Rovik.h"
 
 namespace {
@@ -11,8 +12,14 @@ class Hangs : public Rovik {
  public:
   std::string interpretCmd(char** arg) override {
     if (arg[0] == nullptr) return "";
-    while (std::string(arg[0]) == "hang") ::pause();
+    if (std::string(arg[0]) == "hang") hang();
     return std::string(arg[0]) == "mode" ? "OK" : "";
+  }
+
+ private:
+  [[noreturn]] void hang() {
+    Drovane::global.log(LOG_LEVEL_INFO, id, name, "hangs now\n");
+    while (true) ::pause();
   }
 };
 
