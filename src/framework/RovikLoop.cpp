@@ -106,7 +106,8 @@ void RovikHost::answerCommandRequest(const MMCmdRequest& request) {
   response->dst = request.src;
   response->rsp = line.error.empty() ? interpret(line.words) : "ERROR (" + line.error + ")";
   const InsideRovik here(this);
-  outbox.send(*response);
+  // A request without a sender has nobody to answer to: the response would reach everybody.
+  if (request.src != NO_DESTINATION) outbox.send(*response);
   RovikMessage::destroy(response);
 }
 
