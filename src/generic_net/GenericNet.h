@@ -2,6 +2,7 @@
 // messages.
 //
 //   where a line comes in    Inbound.cpp       selectFD -> rcvData
+//   where a line goes out    Outbound.cpp      selectMM, sndIO -> sndData
 //   where the link changes   Sockets.cpp       openGeneric, closeGeneric
 //   where a command lives    Commands.cpp      one table of thirty rows
 //
@@ -54,7 +55,13 @@ class GenericNet : public LuaRovik {
 
   std::string interpretCmd(char** arg) override;
   int getDescription(cJSON* desc_json) override;
+  int selectMM(RovikMessage* msg) override;
   int selectFD() override;
+  int selectTI() override;
+  int localPrepLua() override;
+
+  // What a script calls to write to the peer.
+  static int lua_sndIO_dispatch(lua_State* L);
 
   // Appends a rule; tables only grow. 0.
   int setRegexTableIN(char* key, char* regex, char* output, char* type_text);
@@ -78,6 +85,11 @@ class GenericNet : public LuaRovik {
 
   // Processes one unit of peer data, zero bytes allowed, no terminator needed. Always 0.
   int rcvData(char* buf, int buf_size);
+
+  // Writes `length` bytes of `data`, whose capacity leaves room for the end of line behind them,
+  // and opens the link for that if need be. 0 when written, dropped or ignored, -1 after a failure.
+  int sndData(char* data, int length, int capacity);
+  int sndIO(lua_State* L);
 
   static constexpr int kTextSize = 512;     // characters of a host, device or address
   static constexpr int kEolSize = 10;       // bytes of an end-of-line sequence
@@ -133,16 +145,21 @@ class GenericNet : public LuaRovik {
   void peerGone();
   void handOverLines();
   void handOverAll();
+  void tellScript(const std::string& text, const char* bytes, int length);
   void sendCatchAll(const std::string& text);
   void applyRules(const std::string& text);
   void sendMatch(const RegexRule& rule, const std::string& output);
   template <typename Kind>
   void sendText(const RegexRule& rule, const std::string& text, const char* trace);
+  void sendRequest(MMActuatorRequest& request);
+  int outputOfRule(const char* key, const char* value, char* output);
+  int writeLink(const char* data, std::size_t length);
   void logBytes(const char* fmt, const char* bytes, int length);
 
   // Counts the links that came and went, so that a loop over the buffer sees that a callback has
   // changed the link under it.
   unsigned int link_epoch = 0;
+  bool closing = false;    // ROVIK_RCVCLOSE runs; a close that it causes is not a second one
   RegexTable inbound;      // regexTableIN, ready to match
   std::string spare_text;  // memory for the next unit's text
 };

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <lua.hpp>
 #include <utility>
 
 #include "Drovane.h"
@@ -74,6 +75,7 @@ int GenericNet::rcvData(char* buf, int buf_size) {
   std::string text = std::exchange(spare_text, {});
   RovikUtil::escape(text, buf, static_cast<std::size_t>(buf_size));
   if (unparsedout) sendCatchAll(text);
+  if (lua_state != nullptr) tellScript(text, buf, buf_size);
   if (reg) applyRules(text);
   spare_text = std::move(text);
   return 0;
@@ -90,6 +92,19 @@ void GenericNet::sendCatchAll(const std::string& text) {
                         data->getKey().c_str(), data->value_s.c_str());
   }
   messageSnd(data.get());
+}
+
+// The script gets the text, in raw mode the bytes themselves.
+void GenericNet::tellScript(const std::string& text, const char* bytes, int length) {
+  static constexpr ScriptEvent kRcvIo = {
+      "ROVIK_RCVIO", "lua ROVIK_RCVIO did not return expected timer info, using default timer\n"};
+  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "IO data to lua script\n");
+  const std::string_view data =
+      raw ? std::string_view(bytes, static_cast<std::size_t>(length)) : std::string_view(text);
+  raise(kRcvIo, [&](lua_State* L) {
+    lua_pushlstring(L, data.data(), data.size());
+    return 1;
+  });
 }
 
 // Every rule is tried: one unit can become several messages.

@@ -27,6 +27,9 @@ int linkSocket(int kind) {
 }  // namespace
 
 int GenericNet::openGeneric() {
+  static constexpr ScriptEvent kRcvOpen = {
+      "ROVIK_RCVOPEN",
+      "lua ROVIK_RCVOPEN did not return expected timer info, using default timer\n"};
   if (fd >= 0) return 0;
   emptyInbuf();
   int result = -1;
@@ -36,11 +39,23 @@ int GenericNet::openGeneric() {
     return result;
   }
   ++link_epoch;
+  if (lua_state == nullptr) return 0;
+  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "notify lua script of OPEN event\n");
+  raise(kRcvOpen, [](lua_State*) { return 0; });
   return 0;
 }
 
 int GenericNet::closeGeneric() {
-  if (fd < 0) return 0;
+  static constexpr ScriptEvent kRcvClose = {
+      "ROVIK_RCVCLOSE",
+      "lua ROVIK_RCVCLOSE did not return expected timer info, using default timer\n"};
+  if (fd < 0 || closing) return 0;
+  if (lua_state != nullptr) {
+    closing = true;
+    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "notify lua script of CLOSE event\n");
+    raise(kRcvClose, [](lua_State*) { return 0; });
+    closing = false;
+  }
   ::close(fd);
   emptyInbuf();
   fd = -1;

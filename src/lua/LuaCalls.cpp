@@ -1,0 +1,139 @@
+// Calls into the script: event functions, the delay that they return, and commands.
+#include <limits>
+#include <string>
+
+#include "Drovane.h"
+#include "LuaRovik.h"
+#include "ScriptState.h"
+#include "TimeValue.h"
+
+namespace {
+
+constexpr int kMicrosecondsPerSecond = 1'000'000;
+constexpr int kDefaultDelay = 30;  // seconds
+constexpr int kCommandArguments = 9;
+
+// Above this height what earlier calls have left is dropped, all but the value at the bottom, the
+// only one of them that is ever looked at. Nothing would stop the growth otherwise, and the
+// interpreter's limit is a million.
+constexpr int kHeightBound = 256;
+
+// Enough for a function, its arguments and the steps that make them.
+constexpr int kRoomForCall = 32;
+
+// False when the interpreter has no room left: the call has to fail like a script's own overflow.
+bool makeRoom(lua_State* L) {
+  if (lua_gettop(L) > kHeightBound) lua_settop(L, 1);
+  return lua_checkstack(L, kRoomForCall) != 0;
+}
+
+// A delay in microseconds; beyond 32 bits it is still far above every bound.
+int toDelay(lua_Number number, int otherwise) {
+  if (number != number) return otherwise;
+  if (number >= std::numeric_limits<int>::max()) return std::numeric_limits<int>::max();
+  if (number <= std::numeric_limits<int>::min()) return std::numeric_limits<int>::min();
+  return static_cast<int>(number);
+}
+
+}  // namespace
+
+LuaRovik* LuaRovik::objectOf(lua_State* L) {
+  lua_rawgetp(L, LUA_REGISTRYINDEX, &kOwnerKey);
+  auto* const owner = static_cast<LuaRovik*>(lua_touserdata(L, -1));
+  lua_pop(L, 1);
+  script::pushGlobal(L, "m_p");
+  const bool stored = lua_islightuserdata(L, -1) && lua_touserdata(L, -1) == owner;
+  lua_pop(L, 1);
+  if (stored || owner == nullptr) return owner;
+  Drovane::global.log(LOG_LEVEL_DEBUG, owner->id, owner->name,
+                      "LUA: m_p is not what ROVIK_INIT was given, call refused\n");
+  return nullptr;
+}
+
+void LuaRovik::raiseWith(const ScriptEvent& event, PushArguments push, void* context) {
+  try {
+    callEvent(event, push, context);
+  } catch (const script::Panic&) {
+    report("lua function error: %s\n", script::errorText(lua_state).c_str());
+  }
+}
+
+void LuaRovik::callEvent(const ScriptEvent& event, PushArguments push, void* context) {
+  lua_State* const L = lua_state;
+  if (!makeRoom(L)) return report("lua function error: %s\n", "stack overflow");
+  const int height = lua_gettop(L);
+  bool good = script::pushGlobal(L, event.function);
+  if (good) {
+    const int arguments = push(L, context);
+    if (arguments < 0) {
+      lua_settop(L, height);
+      return report("lua function error: push message\n");
+    }
+    good = lua_pcall(L, arguments, LUA_MULTRET, 0) == LUA_OK;
+  }
+  if (!good) return report("lua function error: %s\n", script::errorText(L).c_str());
+  if (lua_gettop(L) - height == 1) {
+    popTimer(L, kDefaultDelay);
+  } else {
+    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "%s", event.no_timer);
+  }
+}
+
+int LuaRovik::popTimer(lua_State* L, int seconds) {
+  const int otherwise = seconds * kMicrosecondsPerSecond;
+  if (!lua_isnumber(L, 1)) {
+    armTimer(otherwise, seconds);
+  } else if (lua_isnumber(L, -1)) {
+    armTimer(toDelay(lua_tonumber(L, -1), otherwise), seconds);
+  } else {
+    report("lua function error: bad argument #-1 (number expected, got %s)\n",
+           luaL_typename(L, -1));
+  }
+  return 0;
+}
+
+void LuaRovik::armTimer(int microseconds, int seconds) {
+  const TimeValue longest(seconds, 0);
+  const TimeValue wanted(microseconds / kMicrosecondsPerSecond,
+                         microseconds % kMicrosecondsPerSecond);
+  timer.set(wanted > longest ? longest : wanted, false);
+}
+
+std::string LuaRovik::callCommand(char** arg) {
+  try {
+    return runCommand(arg);
+  } catch (const script::Panic&) {
+    report("lua function error: %s\n", script::errorText(lua_state).c_str());
+    return "ERROR (LUA FUNCTION ERROR)";
+  }
+}
+
+std::string LuaRovik::runCommand(char** arg) {
+  lua_State* const L = lua_state;
+  if (!makeRoom(L)) {
+    report("lua function error: %s\n", "stack overflow");
+    return "ERROR (LUA FUNCTION ERROR)";
+  }
+  const int height = lua_gettop(L);
+  bool good = script::pushGlobal(L, arg[0]);
+  if (good) {
+    lua_newtable(L);
+    for (int i = 1; i <= kCommandArguments; ++i) {
+      lua_pushstring(L, ("arg" + std::to_string(i)).c_str());
+      lua_pushstring(L, arg[i]);
+      lua_settable(L, -3);
+    }
+    good = lua_pcall(L, 1, LUA_MULTRET, 0) == LUA_OK;
+  }
+  if (!good) {
+    report("lua function error: %s\n", script::errorText(L).c_str());
+    return "ERROR (LUA FUNCTION ERROR)";
+  }
+  const int results = lua_gettop(L) - height;
+  if (results == 0) return "OK";
+  // The bottom of the stack is asked, the top is the reply: what an earlier call left at the bottom
+  // decides, and scripts rely on it.
+  if (results != 1 || lua_isstring(L, 1) == 0) return "ERROR";
+  const char* reply = lua_tostring(L, -1);
+  return reply != nullptr ? std::string(reply) : "ERROR";
+}
