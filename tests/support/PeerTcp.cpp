@@ -59,7 +59,8 @@ bool readableWithin(int descriptor, std::chrono::milliseconds limit) {
 }  // namespace
 
 TcpPeer::TcpPeer() : listener(boundSocket()), listen_port(portOf(listener)) {
-  checked(::listen(listener.get(), 16), "listen");
+  // Room for a test that opens link after link before it takes one.
+  checked(::listen(listener.get(), 256), "listen");
 }
 
 bool TcpPeer::linkWaits() const {
