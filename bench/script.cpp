@@ -62,8 +62,8 @@ class Net : public GenericNet {
   using GenericNet::lua_state;
   using GenericNet::rcvData;
 
-  // "lines COUNT" hands over that many lines and "messages COUNT" sends that many messages, inside the
-  // rovik as its loop does; every other word is the plug-in's.
+  // "lines COUNT" hands over that many lines and "messages COUNT" sends that many messages, inside
+  // the rovik as its loop does; every other word is the plug-in's.
   std::string interpretCmd(char** arg) override {
     const std::string_view word = arg[0];
     if (word == "lines") return handOver(std::stoull(arg[1]));
@@ -112,9 +112,7 @@ void openScript(Net& net) {
   command(net, {"luaopen"});
 }
 
-std::uint64_t linesSeen(Net& net) {
-  return std::stoull(hostOf(net).command({"count"}).text);
-}
+std::uint64_t linesSeen(Net& net) { return std::stoull(hostOf(net).command({"count"}).text); }
 
 // Lines per second with and without a script, in turns.
 void compareLines(Report& report, bool quick) {
@@ -154,14 +152,13 @@ void compareSending(Report& report, bool quick) {
     drained();
     const double figure = net->secondsFor("send", count);
     drained();
-    if (pair > 0)
-      sent.add(static_cast<double>(count) / figure, static_cast<double>(count) / floor);
+    if (pair > 0) sent.add(static_cast<double>(count) / figure, static_cast<double>(count) / floor);
   }
   sink->stop();
   if (sink->taken != 2 * count * static_cast<std::uint64_t>(pairs + 1))
     report.fault("of what was sent " + std::to_string(sink->taken) + " arrived");
-  report.add({"sndDATA from a loop (floor: C++)", median(sent.figure), "calls/s", median(sent.floor),
-              sent.ratio(), std::nullopt});
+  report.add({"sndDATA from a loop (floor: C++)", median(sent.figure), "calls/s",
+              median(sent.floor), sent.ratio(), std::nullopt});
   Drovane::global.setLogLevel(LOG_LEVEL_INFO);
 }
 

@@ -98,7 +98,8 @@ void GenericNet::sendCatchAll(const std::string& text) {
 void GenericNet::tellScript(const std::string& text, const char* bytes, int length) {
   static constexpr ScriptEvent kRcvIo = {
       "ROVIK_RCVIO", "lua ROVIK_RCVIO did not return expected timer info, using default timer\n"};
-  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "IO data to lua script\n");
+  if (Drovane::global.logs(LOG_LEVEL_DEBUG))
+    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "IO data to lua script\n");
   const std::string_view data =
       raw ? std::string_view(bytes, static_cast<std::size_t>(length)) : std::string_view(text);
   raise(kRcvIo, [&](lua_State* L) {

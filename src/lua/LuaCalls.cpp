@@ -1,4 +1,5 @@
 // Calls into the script: event functions, the delay that they return, and commands.
+#include <algorithm>
 #include <limits>
 #include <string>
 
@@ -81,10 +82,12 @@ void LuaRovik::callEvent(const ScriptEvent& event, PushArguments push, void* con
 
 int LuaRovik::popTimer(lua_State* L, int seconds) {
   const int otherwise = seconds * kMicrosecondsPerSecond;
-  if (!lua_isnumber(L, 1)) {
+  int is_number = 0;
+  const lua_Number number = lua_tonumberx(L, -1, &is_number);
+  if (lua_isnumber(L, 1) == 0) {
     armTimer(otherwise, seconds);
-  } else if (lua_isnumber(L, -1)) {
-    armTimer(toDelay(lua_tonumber(L, -1), otherwise), seconds);
+  } else if (is_number != 0) {
+    armTimer(toDelay(number, otherwise), seconds);
   } else {
     report("lua function error: bad argument #-1 (number expected, got %s)\n",
            luaL_typename(L, -1));
@@ -93,10 +96,8 @@ int LuaRovik::popTimer(lua_State* L, int seconds) {
 }
 
 void LuaRovik::armTimer(int microseconds, int seconds) {
-  const TimeValue longest(seconds, 0);
-  const TimeValue wanted(microseconds / kMicrosecondsPerSecond,
-                         microseconds % kMicrosecondsPerSecond);
-  timer.set(wanted > longest ? longest : wanted, false);
+  const int delay = std::min(microseconds, seconds * kMicrosecondsPerSecond);
+  timer.set(TimeValue(delay / kMicrosecondsPerSecond, delay % kMicrosecondsPerSecond), false);
 }
 
 std::string LuaRovik::callCommand(char** arg) {

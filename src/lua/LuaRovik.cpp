@@ -64,8 +64,8 @@ std::string scriptPath(const std::string& root, const char* file) {
 
 LuaRovik::LuaRovik() : lua_state(nullptr), luafile{} { type = MT_LUA; }
 
-// A finalizer of the script may still call a function; the derived part of the rovik is gone by now,
-// so such a call must not find it.
+// A finalizer of the script may still call a function; the derived part of the rovik is gone by
+// now, so such a call must not find it.
 LuaRovik::~LuaRovik() {
   if (lua_state == nullptr) return;
   lua_pushnil(lua_state);

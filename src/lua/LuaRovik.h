@@ -82,10 +82,10 @@ class LuaRovik : public Rovik {
   }
 
   // Re-arms the timer with the value at the top of the stack, in microseconds, at most `seconds`;
-  // with `seconds` itself when the value at the bottom is no number. With a number at the bottom and
-  // none at the top there is no delay to read: that is reported like a script's error and the timer
-  // stays as it is. It is not raised: a callback may run inside a function that another one called,
-  // where an error would unwind through a link that is being opened or closed. 0.
+  // with `seconds` itself when the value at the bottom is no number. With a number at the bottom
+  // and none at the top there is no delay to read: that is reported like a script's error and the
+  // timer stays as it is. It is not raised: a callback may run inside a function that another one
+  // called, where an error would unwind through a link that is being opened or closed. 0.
   int popTimer(lua_State* L, int seconds);
 
   // The rovik that a function called by a script belongs to: the script's m_p. Null, after one

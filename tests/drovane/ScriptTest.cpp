@@ -28,8 +28,8 @@ class ScriptedHouse : public testing::Test {
 };
 
 TEST_F(ScriptedHouse, CheckAcceptsAScriptThatCompilesAndDoesNotRunIt) {
-  const Finished done =
-      program.check(houseWithScript("io.open(INSTROOT .. '/ran', 'w') error('ran')") + "  poll 5\n");
+  const Finished done = program.check(
+      houseWithScript("io.open(INSTROOT .. '/ran', 'w') error('ran')") + "  poll 5\n");
   EXPECT_EQ(done.status, 0) << done.errors;
   EXPECT_EQ(done.output, program.file() + ": ok, 1 rovik\n");
   EXPECT_FALSE(std::filesystem::exists(program.folder / "ran"));
@@ -61,8 +61,9 @@ TEST_F(ScriptedHouse, CheckReportsAMissingScript) {
 }
 
 TEST_F(ScriptedHouse, ACommandReachesTheScript) {
-  program.startReady(houseWithScript("function ROVIK_INIT(me) m_p = me end "
-                                     "function greet(words) return 'hello ' .. words.arg1 end"));
+  program.startReady(
+      houseWithScript("function ROVIK_INIT(me) m_p = me end "
+                      "function greet(words) return 'hello ' .. words.arg1 end"));
   EXPECT_EQ(program.ask({"cmd", "boiler", "greet", "you"}).output, "hello you\n");
   const Finished unknown = program.ask({"cmd", "boiler", "nothing"});
   EXPECT_EQ(unknown.status, 1);
@@ -70,8 +71,9 @@ TEST_F(ScriptedHouse, ACommandReachesTheScript) {
 }
 
 TEST_F(ScriptedHouse, AnEndlessLoopDoesNotKeepTheProgramFromEnding) {
-  program.startReady(houseWithScript("function ROVIK_INIT(me) m_p = me end "
-                                     "function spin() print('spinning') while true do end end"));
+  program.startReady(
+      houseWithScript("function ROVIK_INIT(me) m_p = me end "
+                      "function spin() print('spinning') while true do end end"));
   const Process asking({DROVANE_PROGRAM, "cmd", "boiler", "spin"},
                        {{"DROVANE_CONTROL", program.control}});
   ASSERT_TRUE(program.running().waitForErrors("LUA: spinning"));

@@ -42,8 +42,9 @@ TEST_F(CommandTest, NoResultIsOk) {
 }
 
 TEST_F(CommandTest, OneTextOrNumberIsTheReply) {
-  script("function text() return 'hello' end function number() return 21.5 end "
-         "function empty() return '' end");
+  script(
+      "function text() return 'hello' end function number() return 21.5 end "
+      "function empty() return '' end");
   EXPECT_EQ("hello", net->command({"text"}));
   EXPECT_EQ("21.5", net->command({"number"}));
   EXPECT_EQ("", net->command({"empty"}));
@@ -61,8 +62,9 @@ TEST_F(CommandTest, TheResultsStayOnTheStack) {
 }
 
 TEST_F(CommandTest, TwoResultsATableANilOrABooleanIsAnError) {
-  script("function two() return 1, 2 end function tab() return {} end function none() return nil "
-         "end function yes() return true end function call() return print end");
+  script(
+      "function two() return 1, 2 end function tab() return {} end function none() return nil "
+      "end function yes() return true end function call() return print end");
   for (const char* word : {"two", "tab", "none", "yes", "call"}) {
     lua_settop(net->lua_state, 0);
     EXPECT_EQ("ERROR", net->command({word})) << word;
@@ -84,8 +86,9 @@ TEST_F(CommandTest, AWordThatTheScriptDoesNotHaveIsAnError) {
 }
 
 TEST_F(CommandTest, AStrictScriptRaisesForUnknownWordsAndLivesOn) {
-  script("function f() return 'here' end "
-         "setmetatable(_G, {__index = function(_, n) error('no ' .. n, 0) end})");
+  script(
+      "function f() return 'here' end "
+      "setmetatable(_G, {__index = function(_, n) error('no ' .. n, 0) end})");
   EXPECT_EQ("here", net->command({"f"}));
   lua_settop(net->lua_state, 0);
   EXPECT_EQ("ERROR (LUA FUNCTION ERROR)", net->command({"nothing"}));
@@ -95,7 +98,8 @@ TEST_F(CommandTest, AStrictScriptRaisesForUnknownWordsAndLivesOn) {
 }
 
 TEST_F(CommandTest, AGlobalThatAMetatableSuppliesIsFound) {
-  script("setmetatable(_G, {__index = function(_, n) return function() return 'for ' .. n end end})");
+  script(
+      "setmetatable(_G, {__index = function(_, n) return function() return 'for ' .. n end end})");
   EXPECT_EQ("for anything", net->command({"anything"}));
 }
 
@@ -122,8 +126,9 @@ struct Left {
 class WhatIsLeft : public CommandTest, public testing::WithParamInterface<Left> {};
 
 TEST_P(WhatIsLeft, AtTheBottomDecidesWhetherTheTopIsAReply) {
-  script("function text() return 'hello' end function number() return 7 end "
-         "function numeric() return '12' end function tab() return {} end");
+  script(
+      "function text() return 'hello' end function number() return 7 end "
+      "function numeric() return '12' end function tab() return {} end");
   const auto replyTo = [this](const char* word) {
     leave(GetParam().bottom);
     return net->command({word});

@@ -21,26 +21,27 @@ const char kRefused[] = "4 LUA: m_p is not what ROVIK_INIT was given, call refus
 class HostileTest : public ScriptTest {
  protected:
   void SetUp() override {
-    script("all = {print=print, unescape=unescape, escape=escape, gettimeofday=gettimeofday, "
-           "getCMD=getCMD, getDATA=getDATA, sndDATA=sndDATA, sndDATA_REQUEST=sndDATA_REQUEST, "
-           "sndACTUATOR_REQUEST=sndACTUATOR_REQUEST, sndMSG=sndMSG, sndCMD=sndCMD, sndMM=sndMM, "
-           "getMM=getMM, sndIO=sndIO}");
+    script(
+        "all = {print=print, unescape=unescape, escape=escape, gettimeofday=gettimeofday, "
+        "getCMD=getCMD, getDATA=getDATA, sndDATA=sndDATA, sndDATA_REQUEST=sndDATA_REQUEST, "
+        "sndACTUATOR_REQUEST=sndACTUATOR_REQUEST, sndMSG=sndMSG, sndCMD=sndCMD, sndMM=sndMM, "
+        "getMM=getMM, sndIO=sndIO}");
     lua("me = m_p");
   }
 
   // Calls all fourteen functions; how many results and errors there were.
   std::string callAll() {
-    return lua("local results, errors = 0, 0 for _, f in pairs(all) do "
-               "local outcome = table.pack(pcall(f, 'x', 'x', 'x')) "
-               "if outcome[1] then results = results + outcome.n - 1 else errors = errors + 1 end "
-               "end return results, errors");
+    return lua(
+        "local results, errors = 0, 0 for _, f in pairs(all) do "
+        "local outcome = table.pack(pcall(f, 'x', 'x', 'x')) "
+        "if outcome[1] then results = results + outcome.n - 1 else errors = errors + 1 end "
+        "end return results, errors");
   }
 };
 
 TEST_F(HostileTest, WithoutMpEveryCallIsRefusedWithOneLine) {
-  for (const char* other :
-       {"nil", "false", "'x'", "7", "{}", "print", "io.stdout", "coroutine.create(print)",
-        "setmetatable({}, {__index = me})"}) {
+  for (const char* other : {"nil", "false", "'x'", "7", "{}", "print", "io.stdout",
+                            "coroutine.create(print)", "setmetatable({}, {__index = me})"}) {
     lua(std::string("m_p = ") + other);
     EXPECT_EQ("0 0", callAll()) << other;
     const Texts lines = newLines();
@@ -137,9 +138,11 @@ TEST_F(HostileTest, AnErrorInsideAFunctionFreesTheLockAndTheRecord) {
          {"network_type", "seqnr", "ident", "flags", "src", "key", "value_type", "value", "req_op",
           "from_tv_sec", "to_tv_sec", "cmd", "rsp", "channel", "msg"}) {
       const std::string result =
-          lua("local t = {type='" + type + "', key='5_1_0', value_type='int', value=1, req_op=1} t." +
-              field + " = nil return select('#', sndMM(setmetatable(t, {__index = function(_, n) "
-                      "if n == '" + field + "' then error('boom', 0) end end}), 'x'))");
+          lua("local t = {type='" + type +
+              "', key='5_1_0', value_type='int', value=1, req_op=1} t." + field +
+              " = nil return select('#', sndMM(setmetatable(t, {__index = function(_, n) "
+              "if n == '" +
+              field + "' then error('boom', 0) end end}), 'x'))");
       EXPECT_TRUE(result == "raised: boom" || result == "0") << result;
       EXPECT_TRUE(net->lockIsFree());
     }

@@ -139,9 +139,9 @@ TEST_F(LifecycleTest, LuarestartOfABrokenFileEndsClosed) {
   scripts.write("test.lua", "error('no')");
   EXPECT_EQ("ERROR", net->command({"luarestart"}));
   EXPECT_EQ(nullptr, net->lua_state);
-  EXPECT_THAT(newLines(), ElementsAre(HasSubstr("2 lua error: "),
-                                      "3 opening lua with file lua/test.lua failed",
-                                      "4 cannot close lua as lua not open"));
+  EXPECT_THAT(newLines(),
+              ElementsAre(HasSubstr("2 lua error: "), "3 opening lua with file lua/test.lua failed",
+                          "4 cannot close lua as lua not open"));
 }
 
 TEST_F(LifecycleTest, AMissingFileIsALoadError) {
@@ -280,8 +280,9 @@ TEST_F(LifecycleTest, ARovikMayBeDeletedWithItsScriptOpen) {
 }
 
 TEST_F(LifecycleTest, FinalizersCanStillCallWhileLuacloseRuns) {
-  script("guard = setmetatable({}, {__gc = function() sndDATA('5_1_0', 'int', 1, 'BC') "
-         "print('bye') sndIO('x') error('ignored') end})");
+  script(
+      "guard = setmetatable({}, {__gc = function() sndDATA('5_1_0', 'int', 1, 'BC') "
+      "print('bye') sndIO('x') error('ignored') end})");
   EXPECT_EQ("OK", net->command({"luaclose"}));
   EXPECT_THAT(traffic.takeTexts(), ElementsAre("MM_DATA 5_1_0 = 1 to everybody"));
   EXPECT_EQ(1U, log.count("LUA: bye"));

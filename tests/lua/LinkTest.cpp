@@ -157,8 +157,9 @@ TEST_F(LinkTest, EchoHandsWhatWasWrittenToTheScript) {
 }
 
 TEST_F(LinkTest, EchoComesAfterTheCloseOfALinkThatIsNotKept) {
-  script("function ROVIK_RCVIO(data) print('heard ' .. data) end "
-         "function ROVIK_RCVCLOSE() print('closed') end");
+  script(
+      "function ROVIK_RCVIO(data) print('heard ' .. data) end "
+      "function ROVIK_RCVCLOSE() print('closed') end");
   net->echo = true;
   openTo(peer);
   newLines();
@@ -186,7 +187,7 @@ TEST_F(LinkTest, TheSameEchoOnALinkThatIsNotKeptEndsToo) {
   net->echo = true;
   openTo(peer);
   lua("sndIO('x')");
-EXPECT_GE(log.count("C stack overflow"), 1U);
+  EXPECT_GE(log.count("C stack overflow"), 1U);
   EXPECT_EQ("true", lua("return n > 10 and n < 1000"));
   EXPECT_LT(net->fd, 0);
 }

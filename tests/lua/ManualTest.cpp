@@ -172,15 +172,18 @@ class ManualTest : public ScriptTest, public testing::WithParamInterface<Example
 
   void startMeter(const std::string& arguments) {
     const auto part = words(arguments);
-    scripts.write("meter.lua", "function ROVIK_INIT(me) m_p = me end\n"
-                               "function ROVIK_RCV(msg)\n"
-                               "  if msg.key ~= '" + part.at(0) + "' then return end\n"
-                               "  sndMM({ type = 'MM_DATA', key = msg.key, value_type = '" +
-                                   part.at(1) + "', value = " + part.at(2) +
-                                   ", seqnr = msg.seqnr }, msg.src)\n"
-                                   "end\n"
-                                   "function hello(words) return 'you said hello ' .. words.arg1 "
-                                   "end\n");
+    scripts.write("meter.lua",
+                  "function ROVIK_INIT(me) m_p = me end\n"
+                  "function ROVIK_RCV(msg)\n"
+                  "  if msg.key ~= '" +
+                      part.at(0) +
+                      "' then return end\n"
+                      "  sndMM({ type = 'MM_DATA', key = msg.key, value_type = '" +
+                      part.at(1) + "', value = " + part.at(2) +
+                      ", seqnr = msg.seqnr }, msg.src)\n"
+                      "end\n"
+                      "function hello(words) return 'you said hello ' .. words.arg1 "
+                      "end\n");
     meter = ScriptRovik::make(9, "meter");
     meter->command({"luafile", "meter.lua"});
     ASSERT_EQ("OK", meter->command({"luaopen"}));

@@ -43,8 +43,9 @@ class RequestTest : public ScriptTest {
   }
 
   void scriptThatEvaluates() {
-    script("function evaluate(t) local reply = assert(load('return ' .. t.arg1))() "
-           "return tostring(reply) end function ROVIK_RCV(msg) print('saw ' .. msg.type) end");
+    script(
+        "function evaluate(t) local reply = assert(load('return ' .. t.arg1))() "
+        "return tostring(reply) end function ROVIK_RCV(msg) print('saw ' .. msg.type) end");
   }
 
   void expectRefused(const std::string& call, const Texts& lines) {
@@ -98,10 +99,9 @@ TEST_F(RequestTest, GetMmRefusesInTheOrderOfItsArguments) {
     expectRefused(std::string("getMM(") + table + ", {})", {"4 LUA: could not decode mm object"});
   expectRefused("getMM({}, {})", {"4 LUA: could not create message from lua table (type=?)",
                                   "4 LUA: could not create message"});
-  for (const char* table :
-       {"{type='MM_DATA', key='5_1_0', value_type='int', value=1}",
-        "{type='MM_ACTUATOR_REQUEST', key='5_1_0', value_type='int', value=1}",
-        "{type='MM_CMD_RESPONSE'}", "{type='MM_MSG'}"})
+  for (const char* table : {"{type='MM_DATA', key='5_1_0', value_type='int', value=1}",
+                            "{type='MM_ACTUATOR_REQUEST', key='5_1_0', value_type='int', value=1}",
+                            "{type='MM_CMD_RESPONSE'}", "{type='MM_MSG'}"})
     expectRefused(std::string("getMM(") + table + ", {})",
                   {"4 LUA: getMM is only valid for MM_DATA_REQUEST or MM_CMD_REQUEST"});
   expectRefused("getMM({type='MM_CMD_REQUEST'}, {})", {kNoDestination, kNoReply});
@@ -113,8 +113,9 @@ TEST_F(RequestTest, NobodyThereIsNoReplyAtOnce) {
   EXPECT_EQ("0", lua("return select('#', getCMD('open', 77))"));
   EXPECT_THAT(newLines(), ElementsAre("3 LUA: CMD_REQUEST open to 77", kNoReply));
   EXPECT_EQ("0", lua("return select('#', getMM({type='MM_CMD_REQUEST', cmd='x'}, 'nobody'))"));
-  EXPECT_THAT(newLines(),
-              ElementsAre("3 LUA: MM_CMD_REQUEST \"x\" from 0 to everybody #0 to nobody", kNoReply));
+  EXPECT_THAT(
+      newLines(),
+      ElementsAre("3 LUA: MM_CMD_REQUEST \"x\" from 0 to everybody #0 to nobody", kNoReply));
 }
 
 TEST_F(RequestTest, GetDataIsAnsweredByAnotherScript) {
@@ -154,14 +155,16 @@ TEST_F(RequestTest, GetMmTurnsACommandResponseAway) {
   runMeter(kAnswers);
   scriptThatEvaluates();
   EXPECT_EQ("nil", ask("(getMM({type='MM_CMD_REQUEST', cmd='nothing'}, 9))"));
-  EXPECT_THAT(newLines(),
-              ElementsAre("3 LUA: MM_CMD_REQUEST \"nothing\" from 0 to everybody #0 to 9", kNoData));
+  EXPECT_THAT(
+      newLines(),
+      ElementsAre("3 LUA: MM_CMD_REQUEST \"nothing\" from 0 to everybody #0 to 9", kNoData));
 }
 
 TEST_F(RequestTest, GetMmTakesDataAsTheAnswerToACommand) {
   // The script's data comes before the framework's own response.
-  runMeter("function ROVIK_RCV(msg) sndMM({type='MM_DATA', key='9_1_0', value_type='int', value=3, "
-           "seqnr=msg.seqnr}, msg.src) end function nothing() end");
+  runMeter(
+      "function ROVIK_RCV(msg) sndMM({type='MM_DATA', key='9_1_0', value_type='int', value=3, "
+      "seqnr=msg.seqnr}, msg.src) end function nothing() end");
   scriptThatEvaluates();
   EXPECT_EQ("3", ask("getMM({type='MM_CMD_REQUEST', cmd='nothing'}, 9).value"));
   EXPECT_EQ(1U, log.count("got a reply message!"));
@@ -170,8 +173,9 @@ TEST_F(RequestTest, GetMmTakesDataAsTheAnswerToACommand) {
 }
 
 TEST_F(RequestTest, AnAnswerOfTheWrongKindIsTurnedAway) {
-  runMeter("function ROVIK_RCV(msg) sndMM({type='MM_DATA', key='9_1_0', value_type='int', value=3, "
-           "seqnr=msg.seqnr}, msg.src) end function nothing() end");
+  runMeter(
+      "function ROVIK_RCV(msg) sndMM({type='MM_DATA', key='9_1_0', value_type='int', value=3, "
+      "seqnr=msg.seqnr}, msg.src) end function nothing() end");
   scriptThatEvaluates();
   EXPECT_EQ("nil", ask("(getCMD('nothing', 9))"));
   EXPECT_THAT(newLines(), Contains(kNoCmd));
@@ -188,11 +192,13 @@ std::string outwait(ScriptRovik& rovik, std::future<std::string>& reply) {
 }
 
 TEST_F(RequestTest, AnAnswerThatComesTooLateArrivesAsAMessage) {
-  runMeter("function ROVIK_RCV(msg) kept = msg end function answer() "
-           "sndMM({type='MM_DATA', key=kept.key, value_type='int', value=1, seqnr=kept.seqnr}, "
-           "kept.src) end");
+  runMeter(
+      "function ROVIK_RCV(msg) kept = msg end function answer() "
+      "sndMM({type='MM_DATA', key=kept.key, value_type='int', value=1, seqnr=kept.seqnr}, "
+      "kept.src) end");
   scriptThatEvaluates();
-  auto reply = std::async(std::launch::async, [this] { return ask("(getDATA('9_1_0', 'int', 9))"); });
+  auto reply =
+      std::async(std::launch::async, [this] { return ask("(getDATA('9_1_0', 'int', 9))"); });
   ASSERT_TRUE(log.waitFor("LUA: DATA_REQUEST 9_1_0 to 9"));
   EXPECT_EQ("nil", outwait(*net, reply));
   EXPECT_THAT(newLines(), ElementsAre("3 LUA: DATA_REQUEST 9_1_0 to 9", kNoReply));
@@ -208,7 +214,8 @@ TEST_F(RequestTest, TwoThatAskEachOtherAtOnceBothGetNothing) {
   scriptThatEvaluates();
   auto theirs = std::async(std::launch::async, [this] { return meter->command({"evaluate"}); });
   ASSERT_TRUE(log.waitFor("LUA: waits"));
-  auto ours = std::async(std::launch::async, [this] { return ask("(getDATA('9_1_0', 'int', 9))"); });
+  auto ours =
+      std::async(std::launch::async, [this] { return ask("(getDATA('9_1_0', 'int', 9))"); });
   ASSERT_TRUE(log.waitFor("DATA_REQUEST 9_1_0 to 9"));
   scripts.write("../go", "");
   ASSERT_TRUE(log.waitFor("DATA_REQUEST 5_1_0 to 5"));
@@ -229,7 +236,8 @@ TEST_F(RequestTest, OneselfCannotAnswerWhileOneWaits) {
 TEST_F(RequestTest, StoppingEndsAWait) {
   runMeter("function ROVIK_RCV() end");
   scriptThatEvaluates();
-  auto reply = std::async(std::launch::async, [this] { return ask("(getDATA('9_1_0', 'int', 9))"); });
+  auto reply =
+      std::async(std::launch::async, [this] { return ask("(getDATA('9_1_0', 'int', 9))"); });
   ASSERT_TRUE(log.waitFor("LUA: DATA_REQUEST 9_1_0 to 9"));
   net->stop();
   reply.get();

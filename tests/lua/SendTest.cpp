@@ -43,16 +43,16 @@ TEST_F(SendTest, AnIntIsReportedToEverybody) {
 }
 
 TEST_F(SendTest, ANegativeIntStaysNegative) {
-  expectSent("sndDATA('5_1_0', 'int', -5, 6)",
-             {"3 LUA: DATA 5_1_0 = -5", "3 LUA: DATA 5_1_0 to 6"}, {"MM_DATA 5_1_0 = -5 to 6"});
+  expectSent("sndDATA('5_1_0', 'int', -5, 6)", {"3 LUA: DATA 5_1_0 = -5", "3 LUA: DATA 5_1_0 to 6"},
+             {"MM_DATA 5_1_0 = -5 to 6"});
 }
 
 TEST_F(SendTest, AnIntTakesNumbersThatFitNowhereWithoutHarm) {
   for (const char* number : {"1e300", "-1e300", "math.huge", "-math.huge", "0/0"})
     expectSent(std::string("sndDATA('5_1_0', 'int', ") + number + ", 6)",
                {"3 LUA: DATA 5_1_0 = 0", "3 LUA: DATA 5_1_0 to 6"}, {"MM_DATA 5_1_0 = 0 to 6"});
-  expectSent("sndDATA('5_1_0', 'int', 3.7, 6)",
-             {"3 LUA: DATA 5_1_0 = 3", "3 LUA: DATA 5_1_0 to 6"}, {"MM_DATA 5_1_0 = 3 to 6"});
+  expectSent("sndDATA('5_1_0', 'int', 3.7, 6)", {"3 LUA: DATA 5_1_0 = 3", "3 LUA: DATA 5_1_0 to 6"},
+             {"MM_DATA 5_1_0 = 3 to 6"});
 }
 
 TEST_F(SendTest, AFloatIsLoggedAsItIsStored) {
@@ -115,8 +115,8 @@ TEST_F(SendTest, ValuesRefuseInTheOrderOfTheirArguments) {
   for (const auto& each : kFunctions) {
     const std::string f = each.function;
     const std::string value_line = std::string("3 LUA: ") + each.what + " 5_1_0 = 1";
-    for (const char* arguments : {"()", "('5_1_0')", "('5_1_0', 'int', 1)",
-                                  "('5_1_0', 'int', 1, 6, 7)", "(nil, nil, nil)"})
+    for (const char* arguments :
+         {"()", "('5_1_0')", "('5_1_0', 'int', 1)", "('5_1_0', 'int', 1, 6, 7)", "(nil, nil, nil)"})
       expectRefused(f + arguments, {kCount});
     expectRefused(f + "('5_1', 'x', {}, {})", {"4 LUA: could not decode key 5_1 "});
     expectRefused(f + "(7, 'int', 1, 6)", {"4 LUA: could not decode key 7 "});
@@ -150,10 +150,10 @@ TEST_F(SendTest, AnActuatorRequestHasItsOwnLines) {
   expectSent("sndACTUATOR_REQUEST('5_1_0', 'int', -1, 6)",
              {"3 LUA: ACTUATOR_REQUEST 5_1_0 = -1", "3 LUA: ACTUATOR_REQUEST 5_1_0 to 6"},
              {"MM_ACTUATOR_REQUEST 5_1_0 = -1 to 6"});
-  expectSent("sndACTUATOR_REQUEST('5_1_0', 'float', 1.5, 'BC')",
-             {"3 LUA: ACTUATOR_REQUEST 5_1_0 = 1.500000",
-              "3 LUA: ACTUATOR_REQUEST 5_1_0 as broadcast"},
-             {"MM_ACTUATOR_REQUEST 5_1_0 = 1.5 to everybody"});
+  expectSent(
+      "sndACTUATOR_REQUEST('5_1_0', 'float', 1.5, 'BC')",
+      {"3 LUA: ACTUATOR_REQUEST 5_1_0 = 1.500000", "3 LUA: ACTUATOR_REQUEST 5_1_0 as broadcast"},
+      {"MM_ACTUATOR_REQUEST 5_1_0 = 1.5 to everybody"});
   expectSent("sndACTUATOR_REQUEST('5_1_0', 'string', 'ON', 'lamp')",
              {"3 LUA: ACTUATOR_REQUEST 5_1_0 = ON", "3 LUA: ACTUATOR_REQUEST 5_1_0 to lamp"},
              {"MM_ACTUATOR_REQUEST 5_1_0 = \"ON\" to lamp"});

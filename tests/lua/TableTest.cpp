@@ -72,9 +72,10 @@ TEST_F(PushTest, AFloatIsWidened) {
   const auto data = newMessage<MMData>(MM_DATA);
   data->value_type = VAL_FLOAT;
   data->value_f = 0.1F;
-  EXPECT_EQ("flags=0 ident=0 key=\"0_0_0\" network_id=0 node_id=0 seqnr=0 src=0 tv_sec=0 tv_usec=0 "
-            "type=\"MM_DATA\" value=0.10000000149012 value_id=0 value_type=\"float\"",
-            pushed(*data));
+  EXPECT_EQ(
+      "flags=0 ident=0 key=\"0_0_0\" network_id=0 node_id=0 seqnr=0 src=0 tv_sec=0 tv_usec=0 "
+      "type=\"MM_DATA\" value=0.10000000149012 value_id=0 value_type=\"float\"",
+      pushed(*data));
 }
 
 TEST_F(PushTest, ATextEndsAtItsFirstZeroByte) {
@@ -91,9 +92,10 @@ TEST_F(PushTest, ADataRequestHasNoValueAndNoTimes) {
   request->req_op = 1;
   request->from_tv_sec = 5;
   request->to_tv_sec = 6;
-  EXPECT_EQ("flags=4000000001 ident=7 key=\"9_1_0\" network_id=9 node_id=1 seqnr=4000000000 "
-            "src=16382 type=\"MM_DATA_REQUEST\" value_id=0 value_type=\"string\"",
-            pushed(*request));
+  EXPECT_EQ(
+      "flags=4000000001 ident=7 key=\"9_1_0\" network_id=9 node_id=1 seqnr=4000000000 "
+      "src=16382 type=\"MM_DATA_REQUEST\" value_id=0 value_type=\"string\"",
+      pushed(*request));
 }
 
 TEST_F(PushTest, AnActuatorRequestHasAValue) {
@@ -102,29 +104,33 @@ TEST_F(PushTest, AnActuatorRequestHasAValue) {
   request->setKey("9_1_0");
   request->value_type = VAL_STRING;
   request->value_s = "ON";
-  EXPECT_EQ("flags=4000000001 ident=7 key=\"9_1_0\" network_id=9 node_id=1 seqnr=4000000000 "
-            "src=16382 type=\"MM_ACTUATOR_REQUEST\" value=\"ON\" value_id=0 value_type=\"string\"",
-            pushed(*request));
+  EXPECT_EQ(
+      "flags=4000000001 ident=7 key=\"9_1_0\" network_id=9 node_id=1 seqnr=4000000000 "
+      "src=16382 type=\"MM_ACTUATOR_REQUEST\" value=\"ON\" value_id=0 value_type=\"string\"",
+      pushed(*request));
 }
 
 TEST_F(PushTest, ACommandItsResponseAndANoteHaveTheirTexts) {
   const auto command = newCommand("open now");
   fillHeader(*command);
-  EXPECT_EQ("cmd=\"open now\" flags=4000000001 ident=7 seqnr=4000000000 src=16382 "
-            "type=\"MM_CMD_REQUEST\"",
-            pushed(*command));
+  EXPECT_EQ(
+      "cmd=\"open now\" flags=4000000001 ident=7 seqnr=4000000000 src=16382 "
+      "type=\"MM_CMD_REQUEST\"",
+      pushed(*command));
   const auto response = newMessage<MMCmdResponse>(MM_CMD_RESPONSE);
   fillHeader(*response);
   response->rsp = "OK";
-  EXPECT_EQ("flags=4000000001 ident=7 rsp=\"OK\" seqnr=4000000000 src=16382 "
-            "type=\"MM_CMD_RESPONSE\"",
-            pushed(*response));
+  EXPECT_EQ(
+      "flags=4000000001 ident=7 rsp=\"OK\" seqnr=4000000000 src=16382 "
+      "type=\"MM_CMD_RESPONSE\"",
+      pushed(*response));
   const auto note = newNote("hello");
   fillHeader(*note);
   note->channel = static_cast<std::uint32_t>(-2);
-  EXPECT_EQ("channel=-2 flags=4000000001 ident=7 msg=\"hello\" seqnr=4000000000 src=16382 "
-            "type=\"MM_MSG\"",
-            pushed(*note));
+  EXPECT_EQ(
+      "channel=-2 flags=4000000001 ident=7 msg=\"hello\" seqnr=4000000000 src=16382 "
+      "type=\"MM_MSG\"",
+      pushed(*note));
 }
 
 TEST_F(PushTest, AMessageWithoutAKindIsReportedAndNotShown) {
@@ -214,9 +220,9 @@ TEST_F(ReadTest, AnIntLosesWhatIsBehindThePointAndKeeps32Bits) {
 }
 
 TEST_F(ReadTest, TextsKeepTheirZeroBytesAndNumbersBecomeTexts) {
-  EXPECT_EQ(std::string("a\0b", 3),
-            read<MMData>("{type='MM_DATA', key='5_1_0', value_type='string', value='a\\0b'}")
-                ->value_s);
+  EXPECT_EQ(
+      std::string("a\0b", 3),
+      read<MMData>("{type='MM_DATA', key='5_1_0', value_type='string', value='a\\0b'}")->value_s);
   EXPECT_EQ("42",
             read<MMData>("{type='MM_DATA', key='5_1_0', value_type='string', value=42}")->value_s);
 }
@@ -224,8 +230,9 @@ TEST_F(ReadTest, TextsKeepTheirZeroBytesAndNumbersBecomeTexts) {
 TEST_F(ReadTest, AFloatIsNarrowed) {
   EXPECT_EQ(0.1F,
             read<MMData>("{type='MM_DATA', key='5_1_0', value_type='float', value=0.1}")->value_f);
-  EXPECT_EQ(2.5F,
-            read<MMData>("{type='MM_DATA', key='5_1_0', value_type='float', value='2.5'}")->value_f);
+  EXPECT_EQ(
+      2.5F,
+      read<MMData>("{type='MM_DATA', key='5_1_0', value_type='float', value='2.5'}")->value_f);
 }
 
 TEST_F(ReadTest, AnActuatorRequest) {
@@ -266,8 +273,7 @@ TEST_F(ReadTest, ARequestForRecordedValuesReachesOneDayBackFromNow) {
 }
 
 TEST_F(ReadTest, OnlyWhatIsMissingInARangeIsCompleted) {
-  const std::string head =
-      "{type='MM_DATA_REQUEST', key='5_1_0', value_type='int', req_op=2, ";
+  const std::string head = "{type='MM_DATA_REQUEST', key='5_1_0', value_type='int', req_op=2, ";
   const auto begun = read<MMDataRequest>(head + "from_tv_sec=1000}");
   EXPECT_EQ(1000U, begun->from_tv_sec);
   EXPECT_GT(begun->to_tv_sec, 1'700'000'000U);
@@ -304,8 +310,9 @@ TEST_F(ReadTest, TheirFieldsMayBeMissingOrOfAnotherType) {
 }
 
 TEST_F(ReadTest, HeaderFieldsOfAnotherTypeAreLeftAlone) {
-  const auto data = read<MMData>("{type='MM_DATA', seqnr='x', ident={}, flags=true, src='9', "
-                                 "network_type=false, key='5_1_0', value_type='int', value=1}");
+  const auto data = read<MMData>(
+      "{type='MM_DATA', seqnr='x', ident={}, flags=true, src='9', "
+      "network_type=false, key='5_1_0', value_type='int', value=1}");
   EXPECT_EQ(0U, data->seqnr + data->ident + data->flags + data->network_type);
   EXPECT_EQ(9U, data->src);
 }
@@ -316,8 +323,8 @@ TEST_F(ReadTest, WithoutATypeThereIsNoMessage) {
 }
 
 TEST_F(ReadTest, AnUnknownTypeIsNoMessage) {
-  for (const char* table : {"{type='mm_data'}", "{type='MM_EMPTY'}", "{type='MM_DATA '}",
-                            "{type=''}", "{type=1}"})
+  for (const char* table :
+       {"{type='mm_data'}", "{type='MM_EMPTY'}", "{type='MM_DATA '}", "{type=''}", "{type=1}"})
     expectRefused(table, {"4 LUA: unknown message type"});
 }
 
@@ -344,8 +351,9 @@ TEST_F(ReadTest, ADataRequestNeedsItsKeyAndType) {
 }
 
 TEST_F(ReadTest, FieldsThatAMetatableSuppliesCount) {
-  const auto data = read<MMData>("setmetatable({}, {__index = {type='MM_DATA', key='5_1_0', "
-                                 "value_type='int', value=4}})");
+  const auto data = read<MMData>(
+      "setmetatable({}, {__index = {type='MM_DATA', key='5_1_0', "
+      "value_type='int', value=4}})");
   EXPECT_EQ(4U, data->value_i);
 }
 

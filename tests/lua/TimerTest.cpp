@@ -93,8 +93,11 @@ TEST_F(DelayTest, ANumberAtTheBottomAndNoneAtTheTopIsAScriptError) {
   struct {
     const char* returned;
     const char* type;
-  } const kCases[] = {{"'soon'", "string"}, {"{}", "table"},      {"true", "boolean"},
-                      {"nil", "nil"},       {"print", "function"}};
+  } const kCases[] = {{"'soon'", "string"},
+                      {"{}", "table"},
+                      {"true", "boolean"},
+                      {"nil", "nil"},
+                      {"print", "function"}};
   for (const char* bottom : {"1", "'1'"}) {
     for (const auto& each : kCases) {
       EXPECT_NEAR(kBefore, after(bottom, each.returned), kTolerance);
@@ -110,8 +113,9 @@ TEST_F(DelayTest, NoneOrSeveralResultsLeaveTheTimerAlone) {
   for (const char* bottom : {"", "1", "'text'", "{}"}) {
     for (const char* returned : {"", "1, 2", "nil, nil"}) {
       EXPECT_NEAR(kBefore, after(bottom, returned), kTolerance);
-      EXPECT_THAT(newLines(), ElementsAre("4 lua ROVIK_PERIODIC did not return expected timer info, "
-                                          "using default timer"));
+      EXPECT_THAT(newLines(),
+                  ElementsAre("4 lua ROVIK_PERIODIC did not return expected timer info, "
+                              "using default timer"));
     }
   }
 }
@@ -168,7 +172,8 @@ TEST_F(DelayTest, EveryEventHasItsOwnLineWhenItReturnsNothing) {
 
 // A rovik whose thread runs is called again after the delay that it asked for.
 TEST_F(DelayTest, TheLoopCallsAgainAfterTheDelay) {
-  lua("calls = 0 function ROVIK_PERIODIC() calls = calls + 1 print('call ' .. calls) return 2000000 "
+  lua("calls = 0 function ROVIK_PERIODIC() calls = calls + 1 print('call ' .. calls) return "
+      "2000000 "
       "end function go() end");
   net->timer.set(TimeValue(0, 0), false);
   net->run();

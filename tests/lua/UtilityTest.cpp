@@ -20,8 +20,8 @@ TEST_F(UtilityTest, PrintLogsItsFirstArgument) {
   EXPECT_EQ("", lua("return print(1.5, nil)"));
   EXPECT_EQ("", lua("return print('a\\0b')"));
   EXPECT_EQ("", lua("return print('')"));
-  EXPECT_THAT(newLines(), ElementsAre("3 LUA: hello", "3 LUA: 42", "3 LUA: 1.5", "3 LUA: a",
-                                      "3 LUA: "));
+  EXPECT_THAT(newLines(),
+              ElementsAre("3 LUA: hello", "3 LUA: 42", "3 LUA: 1.5", "3 LUA: a", "3 LUA: "));
 }
 
 TEST_F(UtilityTest, PrintTakesNoFormat) {
@@ -44,8 +44,9 @@ TEST_F(UtilityTest, PrintRaisesForWhatIsNoText) {
             lua("print()"));
   EXPECT_EQ("raised: chunk:1: bad argument #1 to 'print' (string expected, got nil)",
             lua("print(nil)"));
-  for (const char* other : {"{}", "true", "print", "m_p", "setmetatable({}, {__tostring = function()"
-                                                         " return 'x' end})"})
+  for (const char* other : {"{}", "true", "print", "m_p",
+                            "setmetatable({}, {__tostring = function()"
+                            " return 'x' end})"})
     EXPECT_THAT(lua(std::string("print(") + other + ")"),
                 StartsWith("raised: chunk:1: bad argument #1 to 'print' (string expected, got "));
   EXPECT_THAT(newLines(), IsEmpty());
@@ -65,7 +66,8 @@ TEST_F(UtilityTest, EscapeReturnsNothingForWhatIsNoText) {
 }
 
 TEST_F(UtilityTest, UnescapeIsTheWayBack) {
-  EXPECT_EQ(std::string("a\\b\n\r\t\0\xff", 8), lua(R"(return unescape('a\\\\b\\n\\r\\t\\0\\xff'))"));
+  EXPECT_EQ(std::string("a\\b\n\r\t\0\xff", 8),
+            lua(R"(return unescape('a\\\\b\\n\\r\\t\\0\\xff'))"));
   EXPECT_EQ("", lua("return unescape('')"));
   EXPECT_EQ("42", lua("return unescape(42)"));
   EXPECT_EQ("a\\q", lua(R"(return unescape('a\\q'))"));
@@ -79,8 +81,9 @@ TEST_F(UtilityTest, UnescapeRaisesForWhatIsNoText) {
   EXPECT_EQ("raised: chunk:1: bad argument #1 to 'unescape' (string expected, got nil)",
             lua("unescape(nil)"));
   for (const char* other : {"", "{}", "true", "print"})
-    EXPECT_THAT(lua(std::string("unescape(") + other + ")"),
-                StartsWith("raised: chunk:1: bad argument #1 to 'unescape' (string expected, got "));
+    EXPECT_THAT(
+        lua(std::string("unescape(") + other + ")"),
+        StartsWith("raised: chunk:1: bad argument #1 to 'unescape' (string expected, got "));
   EXPECT_TRUE(net->lockIsFree());
 }
 
