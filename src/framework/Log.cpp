@@ -7,6 +7,7 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <mutex>
 #include <shared_mutex>
@@ -102,7 +103,11 @@ Log& Log::global() {
   return log;
 }
 
-void Log::openTerminal() { state->open(terminalSink()); }
+void Log::openTerminal() {
+  // A coloured line is written in pieces; what shares the terminal must not get in between.
+  std::setvbuf(stderr, nullptr, _IOLBF, BUFSIZ);
+  state->open(terminalSink());
+}
 
 void Log::openFile(const std::string& path) {
   try {
