@@ -15,6 +15,18 @@
 
 namespace {
 
+// Holds a flag up for the life of a scope, also when a script error unwinds through it.
+class During {
+ public:
+  explicit During(bool& its_flag) : flag(its_flag) { flag = true; }
+  ~During() { flag = false; }
+  During(const During&) = delete;
+  During& operator=(const During&) = delete;
+
+ private:
+  bool& flag;
+};
+
 // A socket that fits into readfds. -1 with errno set.
 int linkSocket(int kind) {
   const int descriptor = ::socket(AF_INET, kind | SOCK_CLOEXEC, 0);
@@ -51,10 +63,9 @@ int GenericNet::closeGeneric() {
       "lua ROVIK_RCVCLOSE did not return expected timer info, using default timer\n"};
   if (fd < 0 || closing) return 0;
   if (lua_state != nullptr) {
-    closing = true;
+    const During running(closing);
     Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "notify lua script of CLOSE event\n");
     raise(kRcvClose, [](lua_State*) { return 0; });
-    closing = false;
   }
   ::close(fd);
   emptyInbuf();
