@@ -186,7 +186,7 @@ class LuaRovik : public Rovik {
   bool decodeDestination(lua_State* L, int index, RovikMessage& msg, const char* what,
                          const DestinationLines& lines);
   template <typename Kind>
-  int sendValue(lua_State* L, MessageTypes type, const ValueLines& lines);
+  int sendValue(lua_State* L, MessageTypes kind, const ValueLines& lines);
   int answer(lua_State* L, RovikMessage* reply, MessageTypes expected, const char* wrong_kind);
 
   bool script_checked = false;  // while a configuration is checked: its script compiles
