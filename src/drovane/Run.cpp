@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -134,7 +135,7 @@ class Running {
   const Signals signals;
   House house;
   std::optional<ControlServer> control;
-  bool started = false;  // the start phase's until that is over
+  std::atomic<bool> started{false};  // set by the start phase
   std::optional<Phase> starting;
 };
 

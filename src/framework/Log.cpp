@@ -62,8 +62,8 @@ std::shared_ptr<spdlog::logger> prepared(std::shared_ptr<spdlog::logger> logger)
 
 struct Log::State {
   std::shared_mutex lock;  // shared: writing a line; exclusive: changing where lines go
-  std::shared_ptr<spdlog::details::thread_pool> writer;
   std::shared_ptr<spdlog::logger> logger;
+  std::shared_ptr<spdlog::details::thread_pool> writer;  // its thread uses the logger: goes first
   std::function<void(const LogLine&)> observer;
   std::atomic<std::size_t> reported_losses{0};
 
