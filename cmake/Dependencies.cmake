@@ -8,3 +8,5 @@ pkg_check_modules(RE2 REQUIRED IMPORTED_TARGET re2)
 pkg_check_modules(CJSON REQUIRED IMPORTED_TARGET libcjson)
 # The C++ build of the interpreter: its errors are exceptions, so destructors run.
 pkg_check_modules(LUA REQUIRED IMPORTED_TARGET lua5.2-c++)
+# A rovik's link over TLS.
+pkg_check_modules(OPENSSL REQUIRED IMPORTED_TARGET openssl>=3.0)

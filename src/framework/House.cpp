@@ -148,6 +148,7 @@ bool House::advance(Member& member, bool late, bool others_ended) {
         end(member);
       break;
     case State::Configuring:
+      if (late) member.host().interrupt();
       break;
     case State::Running:
       member.farewell.emplace(member.host()).post();
@@ -159,7 +160,11 @@ bool House::advance(Member& member, bool late, bool others_ended) {
       member.state = State::Stopping;
       break;
     case State::Stopping:
-      if (!member.host().status().running) end(member);
+      if (!member.host().status().running) {
+        end(member);
+      } else if (late) {
+        member.host().interrupt();
+      }
       break;
     case State::Ended:
       break;

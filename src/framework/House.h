@@ -30,7 +30,8 @@ class House {
   // Called with each thing that is wrong: "FILE:LINE: what is wrong and what was expected".
   using Report = std::function<void(const std::string& finding)>;
 
-  // How long a rovik may take over its last commands before its thread is asked to end anyway.
+  // How long a rovik may take over its last commands before its thread is asked to end anyway, and
+  // is freed from the wait for a peer.
   static constexpr std::chrono::seconds kFarewellPatience{3};
 
   // One rovik. What is not marked otherwise is set by make and then only read.

@@ -1,6 +1,7 @@
 #include "RovikHost.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -85,6 +86,18 @@ void RovikHost::awaitReply() {
     pollFor(left, -1);
   }
   waker->awake(false);
+}
+
+void RovikHost::blocksOn(int socket) {
+  MutexLock guard(lock);
+  blocking_socket = socket;
+}
+
+// Under the lock, so that the number is not another thread's descriptor already. What is no
+// connected socket does not mind.
+void RovikHost::interrupt() {
+  MutexLock guard(lock);
+  if (blocking_socket >= 0) ::shutdown(blocking_socket, SHUT_RDWR);
 }
 
 void RovikHost::setWarning(std::string text) {

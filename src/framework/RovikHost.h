@@ -62,6 +62,10 @@ class RovikHost {
 
   // --- Any thread ---
 
+  // Ends the wait for a peer that the thread inside the rovik may be in: shuts the socket down that
+  // the rovik has named.
+  void interrupt();
+
   // Runs a command inside the rovik: directly when its thread does not run, else on its thread,
   // waiting for the turn at most kPatience. Not for the rovik's own thread.
   CommandResult command(std::vector<std::string> words);
@@ -76,6 +80,7 @@ class RovikHost {
   // What a rovik calls through its base class.
   int messageSnd(RovikMessage* msg);
   RovikMessage* messageSndBlock(RovikMessage* msg);
+  void blocksOn(int socket);
   void setWarning(std::string text);
 
   // The thread body.
@@ -127,6 +132,7 @@ class RovikHost {
   std::int64_t warning_time DROVANE_GUARDED_BY(lock) = 0;
   std::uint64_t warning_count DROVANE_GUARDED_BY(lock) = 0;
   std::string description DROVANE_GUARDED_BY(lock);
+  int blocking_socket DROVANE_GUARDED_BY(lock) = -1;  // -1: none
   int type DROVANE_GUARDED_BY(lock) = 0;
 };
 

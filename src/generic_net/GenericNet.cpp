@@ -42,9 +42,6 @@ GenericNet::GenericNet()
       inbufpos(0),
       l_addr{},
       p_addr{},
-      sslctx(nullptr),
-      ssl(nullptr),
-      cert(nullptr),
       certname(nullptr) {
   type = MT_NETWORK_GENERIC;
   period = TimeValue(30, 0);

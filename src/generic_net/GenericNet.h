@@ -3,16 +3,21 @@
 //
 //   where a line comes in    Inbound.cpp       selectFD -> rcvData
 //   where a line goes out    Outbound.cpp      selectMM, sndIO -> sndData
-//   where the link changes   Sockets.cpp       openGeneric, closeGeneric
+//   where the link changes   Link.cpp          openGeneric, closeGeneric
+//   what a transport does    Udp.cpp, Tcp.cpp, Tls.cpp, Serial.cpp
 //   where a command lives    Commands.cpp      one table of thirty rows
 //
 // The link is closed (fd < 0) or open (fd >= 0); only openGeneric and closeGeneric change that.
 #pragma once
 
 #include <netinet/in.h>
+#include <openssl/types.h>
+#include <sys/types.h>
 #include <termios.h>
 
 #include <cstddef>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,12 +26,6 @@
 #include "RovikMessage.h"
 #include "lua/LuaRovik.h"
 
-// OpenSSL's own names for the handles of a TLS link.
-struct ssl_ctx_st;
-struct ssl_st;
-struct x509_st;
-struct X509_name_st;
-
 enum ComMode : int { COM_UDP = 0, COM_TCP = 1, COM_TTY = 2, COM_SSL = 3 };
 
 // Data bits, parity and stop bits of a serial line.
@@ -34,6 +33,13 @@ enum TtyMode : int { TTY_8N1 = 0, TTY_7E1 = 1, TTY_7O1 = 2, TTY_8O1 = 3, TTY_8E1
 
 // Flow control of a serial line.
 enum FclMode : int { FCL_SW = 0, FCL_HW = 1, FCL_NO = 2 };
+
+// Gives a handle back to OpenSSL.
+struct TlsRelease {
+  void operator()(SSL_CTX* context) const;
+  void operator()(SSL* session) const;
+  void operator()(X509* certificate) const;
+};
 
 class GenericNet : public LuaRovik {
  public:
@@ -72,8 +78,15 @@ class GenericNet : public LuaRovik {
   // one do nothing and succeed.
   int openGeneric();
   int closeGeneric();
+  int openUDP();
   int openTCP();
+  int openTTY();
+  int openSSL();
+  // 0. They run after the descriptor was closed.
+  int closeUDP();
   int closeTCP();
+  int closeTTY();
+  int closeSSL();
 
   // Sends one Wake-on-LAN packet over a socket of its own. 0, or -1 after the reason was reported.
   int sendWOL();
@@ -125,23 +138,56 @@ class GenericNet : public LuaRovik {
   int inbufpos;
   sockaddr_in l_addr;
   sockaddr_in p_addr;
-  ssl_ctx_st* sslctx;
-  ssl_st* ssl;
-  x509_st* cert;
-  X509_name_st* certname;
+  std::unique_ptr<SSL_CTX, TlsRelease> sslctx;  // these two while a TLS link is open
+  std::unique_ptr<SSL, TlsRelease> ssl;
+  std::unique_ptr<X509, TlsRelease> cert;  // these two while one is being opened
+  X509_NAME* certname;                     // inside cert
   std::vector<RegexRule> regexTableIN;
   std::vector<RegexRule> regexTableOUT;
 
  private:
   struct Commands;  // the rows and their actions (Commands.cpp)
 
-  bool broadcastWake(int socket, const unsigned char* packet, std::size_t size);
-  int sendTest();
-  int abandonLink();
-  bool connectPeer();
-  void emptyInbuf();
+  // What each transport does in its own way.
+  struct Transport {
+    ComMode mode;
+    int (GenericNet::*open)();
+    int (GenericNet::*close)();
+    // Behind what inbuf holds: the number of bytes, zero or less when the peer has gone, or nothing
+    // to hand over yet.
+    std::optional<int> (GenericNet::*read)();
+    // Once. Negative with errno set on failure.
+    ssize_t (GenericNet::*write)(const char* data, std::size_t length);
+    const char* write_name;  // in the report of a failure
+  };
+  const Transport* transport() const;
 
-  int readLink();
+  bool takeDescriptor(int descriptor);
+  void closeDescriptor();
+  int abandonLink();
+  void emptyInbuf();
+  int sendTest();
+  bool broadcastWake(int socket, const unsigned char* packet, std::size_t size);
+
+  bool bindLink();
+  bool findPeer();
+  bool connectPeer();
+  bool startSession();
+  bool acceptPeer();
+  bool decryptedWaits() const;
+  bool setUpPort();
+  bool applyToPort(const termios& settings, const char* prefix);
+
+  std::optional<int> readUDP();
+  std::optional<int> readStream();  // TCP and serial
+  std::optional<int> readSSL();
+  ssize_t writeUDP(const char* data, std::size_t length);
+  ssize_t writeTCP(const char* data, std::size_t length);
+  ssize_t writeTTY(const char* data, std::size_t length);
+  ssize_t writeSSL(const char* data, std::size_t length);
+
+  std::optional<int> readLink();
+  void takeIn(std::optional<int> received);
   void peerGone();
   void handOverLines();
   void handOverAll();
@@ -150,7 +196,7 @@ class GenericNet : public LuaRovik {
   void applyRules(const std::string& text);
   void sendMatch(const RegexRule& rule, const std::string& output);
   template <typename Kind>
-  void sendText(const RegexRule& rule, const std::string& text, const char* trace);
+  void sendText(const RegexRule& rule, const std::string& text, const char* line);
   void sendRequest(MMActuatorRequest& request);
   int outputOfRule(const char* key, const char* value, char* output);
   int writeLink(const char* data, std::size_t length);

@@ -15,11 +15,31 @@
 
 int GenericNet::selectFD() {
   if (fd < 0 || !FD_ISSET(fd, &readfds)) return 0;
-  const int received = readLink();
-  if (received < 1) {
+  const unsigned int epoch = link_epoch;
+  do takeIn(readLink());
+  while (link_epoch == epoch && decryptedWaits());
+  return 0;
+}
+
+// Of an unknown transport nothing can be read, as of a peer that has gone.
+std::optional<int> GenericNet::readLink() {
+  const Transport* const how = transport();
+  return how != nullptr ? (this->*how->read)() : -1;
+}
+
+std::optional<int> GenericNet::readStream() {
+  const auto room = static_cast<std::size_t>(kBufferSize - inbufpos);
+  return static_cast<int>(::read(fd, inbuf + inbufpos, room));
+}
+
+// What one read has brought: a number of bytes, zero or less from a peer that has gone, or nothing
+// that is meant for this rovik yet.
+void GenericNet::takeIn(std::optional<int> received) {
+  if (!received) return;
+  if (*received < 1) {
     peerGone();
   } else {
-    inbufpos += received;
+    inbufpos += *received;
     if (commode == COM_UDP || raw) {
       handOverAll();
     } else if (!eolclose) {
@@ -28,12 +48,6 @@ int GenericNet::selectFD() {
   }
   // A full buffer without an end of line is dropped without a word, and collecting starts afresh.
   if (inbufpos >= kBufferSize) emptyInbuf();
-  return 0;
-}
-
-int GenericNet::readLink() {
-  const auto room = static_cast<std::size_t>(kBufferSize - inbufpos);
-  return static_cast<int>(::read(fd, inbuf + inbufpos, room));
 }
 
 // The end of the stream and every error mean the same: the peer has gone.
@@ -87,10 +101,8 @@ void GenericNet::sendCatchAll(const std::string& text) {
   data->network_id = static_cast<std::uint32_t>(network_id);
   data->value_type = VAL_STRING;
   data->value_s = text;
-  if (Drovane::global.logs(LOG_LEVEL_DEBUG)) {
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "Rovik Message: MM_DATA %s = {%s}\n",
-                        data->getKey().c_str(), data->value_s.c_str());
-  }
+  if (Drovane::global.logs(LOG_LEVEL_DEBUG))
+    trace("Rovik Message: MM_DATA %s = {%s}\n", data->getKey().c_str(), data->value_s.c_str());
   messageSnd(data.get());
 }
 
@@ -98,8 +110,7 @@ void GenericNet::sendCatchAll(const std::string& text) {
 void GenericNet::tellScript(const std::string& text, const char* bytes, int length) {
   static constexpr ScriptEvent kRcvIo = {
       "ROVIK_RCVIO", "lua ROVIK_RCVIO did not return expected timer info, using default timer\n"};
-  if (Drovane::global.logs(LOG_LEVEL_DEBUG))
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "IO data to lua script\n");
+  trace("IO data to lua script\n");
   const std::string_view data =
       raw ? std::string_view(bytes, static_cast<std::size_t>(length)) : std::string_view(text);
   raise(kRcvIo, [&](lua_State* L) {
@@ -124,15 +135,14 @@ void GenericNet::sendMatch(const RegexRule& rule, const std::string& output) {
 }
 
 template <typename Kind>
-void GenericNet::sendText(const RegexRule& rule, const std::string& text, const char* trace) {
-  const bool traced = Drovane::global.logs(LOG_LEVEL_DEBUG);
-  if (traced) Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "REGIN MATCH\n");
+void GenericNet::sendText(const RegexRule& rule, const std::string& text, const char* line) {
+  trace("REGIN MATCH\n");
   const auto msg = createOwned<Kind>(rule.type);
   if (msg == nullptr) return;
   msg->setKey(rule.key.c_str());
   msg->value_type = VAL_STRING;
   msg->value_s = text;
-  if (traced) Drovane::global.log(LOG_LEVEL_DEBUG, id, name, trace, rule.key.c_str(), text.c_str());
+  trace(line, rule.key.c_str(), text.c_str());
   messageSnd(msg.get());
 }
 
@@ -141,5 +151,5 @@ void GenericNet::logBytes(const char* fmt, const char* bytes, int length) {
   RovikUtil::bufToString(&rendered, bytes, length);
   const OwnedText text(rendered);
   if (text == nullptr) return;
-  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, fmt, length, text.get());
+  trace(fmt, length, text.get());
 }

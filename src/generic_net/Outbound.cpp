@@ -61,7 +61,7 @@ int GenericNet::outputOfRule(const char* key, const char* value, char* output) {
         RovikUtil::regex_replace(&replaced, value, rule.output.c_str(), rule.regex.c_str());
     const OwnedText text(replaced);
     if (matched <= 0) continue;
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "REGOUT MATCH\n");
+    trace("REGOUT MATCH\n");
     return RovikUtil::unescape(output, kBufferSize, text.get());
   }
   return 0;
@@ -70,8 +70,7 @@ int GenericNet::outputOfRule(const char* key, const char* value, char* output) {
 // Writes once and does not try again. The end of line goes in place behind the data.
 int GenericNet::sndData(char* data, int length, int capacity) {
   if (openGeneric() < 0) {
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name,
-                        "request message ignored as socket not connected\n");
+    trace("request message ignored as socket not connected\n");
     return 0;
   }
   if (addeolout && !raw) {
@@ -88,8 +87,9 @@ int GenericNet::sndData(char* data, int length, int capacity) {
 
 // A failure is reported and closes the link.
 int GenericNet::writeLink(const char* data, std::size_t length) {
-  if (::send(fd, data, length, MSG_NOSIGNAL) >= 0) return 0;
-  report("send (errno: %d %s)\n", errno, std::strerror(errno));
+  const Transport* const how = transport();
+  if (how == nullptr || (this->*how->write)(data, length) >= 0) return 0;
+  report("%s (errno: %d %s)\n", how->write_name, errno, std::strerror(errno));
   closeGeneric();
   return -1;
 }
@@ -109,7 +109,7 @@ int GenericNet::sndIO(lua_State* L) {
     Drovane::global.log(LOG_LEVEL_INFO, id, name, "could not decode data from lua script\n");
     return 0;
   }
-  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "IO data from lua script\n");
+  trace("IO data from lua script\n");
   std::string output(kBufferSize, '\0');
   int length = 0;
   if (raw) {

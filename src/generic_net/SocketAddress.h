@@ -16,3 +16,5 @@ inline sockaddr_in anyAddress() {
 inline const sockaddr* generic(const sockaddr_in& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
+
+inline sockaddr* generic(sockaddr_in& address) { return reinterpret_cast<sockaddr*>(&address); }

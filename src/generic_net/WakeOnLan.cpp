@@ -34,7 +34,7 @@ Packet wakePacket(const unsigned char (&mac)[kMacSize]) {
 
 int GenericNet::sendWOL() {
   const Packet packet = wakePacket(wol_mac);
-  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "opening WOL UDP socket\n");
+  trace("opening WOL UDP socket\n");
   const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (socket < 0) {
     report("allocate socket (errno: %d %s)\n", errno, std::strerror(errno));
@@ -47,7 +47,7 @@ int GenericNet::sendWOL() {
 
 // On success the socket stays open for the life of the process: callers rely on it.
 bool GenericNet::broadcastWake(int socket, const unsigned char* packet, std::size_t size) {
-  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "setting UDP broadcast option\n");
+  trace("setting UDP broadcast option\n");
   const int on = 1;
   if (::setsockopt(socket, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == -1) {
     report("setsockopt (errno: %d %s)\n", errno, std::strerror(errno));
@@ -64,7 +64,7 @@ bool GenericNet::broadcastWake(int socket, const unsigned char* packet, std::siz
     return false;
   }
   destination.sin_port = htons(kDiscardPort);
-  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "sending WOL UDP broadcast\n");
+  trace("sending WOL UDP broadcast\n");
   if (::sendto(socket, packet, size, 0, generic(destination), sizeof destination) < 0) {
     report("sendto (errno: %d %s)\n", errno, std::strerror(errno));
     return false;

@@ -7,7 +7,7 @@
 
 // Refused calls leave one line at level 4; the script itself goes on and is told nothing.
 void LuaRovik::refuse(const char* text) {
-  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "%s", text);
+  trace("%s", text);
 }
 
 bool LuaRovik::argumentCountIs(lua_State* L, int count) {

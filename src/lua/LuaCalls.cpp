@@ -76,7 +76,7 @@ void LuaRovik::callEvent(const ScriptEvent& event, PushArguments push, void* con
   if (lua_gettop(L) - height == 1) {
     popTimer(L, kDefaultDelay);
   } else {
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "%s", event.no_timer);
+    trace("%s", event.no_timer);
   }
 }
 

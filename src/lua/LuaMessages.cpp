@@ -156,7 +156,7 @@ constexpr KindName kKinds[] = {
 
 int LuaRovik::pushRovikMessage(lua_State* L, RovikMessage* msg) {
   if (L == nullptr) {
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "LUA: lua state invalid\n");
+    trace("LUA: lua state invalid\n");
     return -1;
   }
   if (msg == nullptr || msg->type < MM_DATA || msg->type > MM_MSG) return -1;

@@ -87,6 +87,15 @@ void LuaRovik::report(const char* fmt, ...) {
   setWarning(text);
 }
 
+void LuaRovik::trace(const char* fmt, ...) const {
+  if (!Drovane::global.logs(LOG_LEVEL_DEBUG)) return;
+  va_list args;
+  va_start(args, fmt);
+  const std::string text = RovikUtil::vformat(fmt, args);
+  va_end(args);
+  Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "%s", text.c_str());
+}
+
 int LuaRovik::abortOpening() {
   endInterpreter();
   return -1;
@@ -120,13 +129,13 @@ int LuaRovik::loadScript() {
 
 int LuaRovik::prepLua() {
   if (lua_state != nullptr) {
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "cannot prep lua as lua already open\n");
+    trace("cannot prep lua as lua already open\n");
     return 1;
   }
   lua_state = luaL_newstate();
   if (lua_state == nullptr) {
     // The same words as above, on purpose: whoever watches for them sees both.
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "cannot prep lua as lua already open\n");
+    trace("cannot prep lua as lua already open\n");
     return -1;
   }
   script::guardAgainstPanic(lua_state);
@@ -173,7 +182,7 @@ int LuaRovik::openLua() {
 
 int LuaRovik::closeLua() {
   if (lua_state == nullptr) {
-    Drovane::global.log(LOG_LEVEL_DEBUG, id, name, "cannot close lua as lua not open\n");
+    trace("cannot close lua as lua not open\n");
     return 0;
   }
   endInterpreter();

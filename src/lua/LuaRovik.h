@@ -61,6 +61,9 @@ class LuaRovik : public Rovik {
   // Logs an error at level 2 and makes the same text the rovik's warning.
   void report(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
+  // Logs at level 4. Costs a look when such lines are not written, but for making the arguments.
+  void trace(const char* fmt, ...) const __attribute__((format(printf, 2, 3)));
+
   // 0 when a new interpreter was made and the script loaded, 1 when one was open already, -1 on
   // failure (the interpreter is closed).
   int prepLua();

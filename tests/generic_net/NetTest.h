@@ -33,7 +33,10 @@ class ExposedNet final : public GenericNet {
   using GenericNet::certname;
   using GenericNet::chopeolin;
   using GenericNet::closeGeneric;
+  using GenericNet::closeSSL;
   using GenericNet::closeTCP;
+  using GenericNet::closeTTY;
+  using GenericNet::closeUDP;
   using GenericNet::commode;
   using GenericNet::echo;
   using GenericNet::eolclose;
@@ -65,9 +68,12 @@ class ExposedNet final : public GenericNet {
   using GenericNet::regexTableIN;
   using GenericNet::regexTableOUT;
   using GenericNet::sendWOL;
+  using GenericNet::sndData;
   using GenericNet::ssl;
   using GenericNet::sslctx;
   using GenericNet::timer;
+  using GenericNet::toggleDTR;
+  using GenericNet::toggleRTS;
   using GenericNet::tty;
   using GenericNet::ttymode;
   using GenericNet::type;

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "CallFaults.h"
 #include "NetTest.h"
 #include "framework/Descriptor.h"
 
@@ -257,18 +258,6 @@ TEST_F(OpenClose, NoDescriptorLeftFailsTheOpening) {
   EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
 }
 
-// What is not there yet answers as an action that fails, in closed and open state alike.
-TEST_F(OpenClose, TransportsThatAreNotThereYetDoNotOpen) {
-  for (const char* mode : {"udp", "tty", "ssl"}) {
-    net->command({"mode", mode});
-    newLines();
-    EXPECT_EQ("ERROR", net->command({"open"})) << mode;
-    EXPECT_EQ(-1, net->fd);
-    EXPECT_EQ(Lines{errorLine("open failed")}, newLines());
-    EXPECT_EQ("open failed", warning());
-  }
-}
-
 TEST_F(OpenClose, ModemLinesNeedASerialLink) {
   TcpPeer peer;
   openTo(peer);
@@ -324,14 +313,28 @@ TEST_F(OpenClose, TestOnALinkThatMayNotSendReportsAndCloses) {
   EXPECT_EQ("", net->command({"test"}));
 }
 
-TEST_F(OpenClose, TestOverTlsSendsNothing) {
+// What no peer and no limit can be made to cause.
+TEST_F(OpenClose, NoLocalAddress) {
   TcpPeer peer;
-  openTo(peer);
-  net->commode = COM_SSL;
-  EXPECT_EQ("OK", net->command({"test"}));
-  net->commode = COM_TCP;
-  net->command({"close"});
-  EXPECT_EQ("", peer.receive(1));
+  pointAt(peer.port());
+  const FailingCall fault("bind", EADDRINUSE);
+  expectFailure("bind (errno: 98 Address already in use)");
+}
+
+TEST_F(OpenClose, SocketThatCannotBeMadeNonBlocking) {
+  TcpPeer peer;
+  pointAt(peer.port());
+  const FailingCall fault("fcntl", EPERM, 1);
+  expectFailure("fcntl (errno: 1 Operation not permitted)");
+  EXPECT_FALSE(peer.linkWaits());
+}
+
+TEST_F(OpenClose, SocketThatCannotBeMadeBlockingAgain) {
+  TcpPeer peer;
+  pointAt(peer.port());
+  const FailingCall fault("fcntl", EPERM, 2);
+  expectFailure("fcntl (errno: 1 Operation not permitted)");
+  EXPECT_TRUE(peer.linkWaits());
 }
 
 }  // namespace
