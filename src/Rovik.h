@@ -3,8 +3,8 @@
 // The life of a rovik, as its framework drives it:
 //
 //   maker() -> constructor      `id` and `name` are already set
-//           -> interpretCmd...  the configuration, one command at a time
-//           -> start            the thread runs main(), the event loop
+//           -> start            the thread runs
+//                interpretCmd...  the configuration, one command at a time, before all else
 //                selectFD       `fd` is readable
 //                selectMM       a message for this rovik has arrived
 //                selectTI       `timer` has expired
@@ -12,9 +12,8 @@
 //           -> stop             the thread ends
 //           -> delete
 //
-// One thread at a time is ever inside a rovik: before the thread runs, commands are called
-// directly; afterwards the framework hands them to the rovik's own thread. A rovik therefore needs
-// no lock for its own members.
+// One thread at a time is ever inside a rovik: its own, from the start on; whoever has made it,
+// before that. A rovik therefore needs no lock for its own members.
 #pragma once
 
 #include <cjson/cJSON.h>

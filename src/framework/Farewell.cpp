@@ -4,15 +4,9 @@
 
 namespace drovane {
 
-void Farewell::choose() {
-  if (!items.empty()) return;
-  if (host.status().link_open) items.push_back({"close"});
-  items.push_back({"luaclose"});
-}
-
 void Farewell::post() {
-  choose();
-  for (const Item& item : items) post(item);
+  if (host.status().link_open) post(items.emplace_back(Item{"close"}));
+  post(items.emplace_back(Item{"luaclose"}));
 }
 
 void Farewell::post(const Item& item) {
@@ -31,10 +25,11 @@ bool Farewell::over() const {
                      [](const Item& item) { return item.over->load(); });
 }
 
+// A link may have been opened after the look that post has taken.
 void Farewell::runRest() {
-  choose();
-  for (const Item& item : items)
-    if (!item.ran->load()) host.command({item.word});
+  if (host.status().link_open) host.command({"close"});
+  const bool script_closed = !items.empty() && items.back().ran->load();
+  if (!script_closed) host.command({"luaclose"});
 }
 
 }  // namespace drovane

@@ -20,7 +20,8 @@ class Farewell {
   void post();
   // True when the thread has run them, or has ended without.
   bool over() const;
-  // Runs what the thread has not run. The thread must have ended, or never run.
+  // Runs what the thread has not run, or has to be run once more. The thread must have ended, or
+  // never run.
   void runRest();
 
  private:
@@ -30,11 +31,10 @@ class Farewell {
     std::shared_ptr<std::atomic<bool>> ran = std::make_shared<std::atomic<bool>>(false);
   };
 
-  void choose();
   void post(const Item& item);
 
   RovikHost& host;
-  std::vector<Item> items;
+  std::vector<Item> items;  // what was posted, "luaclose" last
 };
 
 }  // namespace drovane

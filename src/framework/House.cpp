@@ -16,6 +16,8 @@ namespace {
 using State = House::Member::State;
 
 constexpr std::chrono::milliseconds kLook{2};
+// How long the next rovik waits for the one before it to be configured.
+constexpr std::chrono::milliseconds kOvertaking{100};
 constexpr std::size_t kShownCommand = 200;
 
 void say(const std::string& text) {
@@ -102,25 +104,46 @@ bool House::runCommand(Member& member, const ConfigCommand& command) {
 
 bool House::start(bool strict) {
   for (Member& member : members) {
-    State expected = State::Idle;
-    if (cancelled || !member.state.compare_exchange_strong(expected, State::Configuring))
-      return true;
-    const bool clean = runCommands(member, strict);
-    const bool runs = !cancelled && (clean || !strict) && startThread(member);
-    member.state = runs ? State::Running : State::Idle;
-    if (strict && !(clean && (runs || cancelled))) return false;
+    launch(member, strict);
+    std::unique_lock guard(lock);
+    configured.wait_for(guard, kOvertaking, [&] { return member.state != State::Configuring; });
+    if (refused) return false;
   }
-  return true;
+  for (const Member& member : members) awaitConfigured(member);
+  return !refused;
 }
 
-bool House::startThread(Member& member) {
-  const int error = member.host().start();
-  if (error != 0) {
-    return report(member.config.line, "the thread of rovik " + member.label() +
-                                          " could not be started: " + std::strerror(error));
-  }
-  say("rovik " + member.label() + ": started");
-  return true;
+void House::awaitConfigured(const Member& member) {
+  std::unique_lock guard(lock);
+  configured.wait(guard, [&] { return member.state != State::Configuring; });
+}
+
+void House::launch(Member& member, bool strict) {
+  State expected = State::Idle;
+  if (cancelled || !member.state.compare_exchange_strong(expected, State::Configuring)) return;
+  const int error =
+      member.host().start([this, &member, strict] { return configureHere(member, strict); });
+  if (error == 0) return;
+  report(member.config.line, "the thread of rovik " + member.label() +
+                                 " could not be started: " + std::strerror(error));
+  if (strict) refused = true;
+  settle(member, State::Idle);
+}
+
+// On the rovik's thread, before its loop. False when there is to be none.
+bool House::configureHere(Member& member, bool strict) {
+  const bool clean = runCommands(member, strict);
+  if (strict && !clean) refused = true;
+  const bool runs = !cancelled && (clean || !strict);
+  if (runs) say("rovik " + member.label() + ": started");
+  settle(member, runs ? State::Running : State::Idle);
+  return runs;
+}
+
+void House::settle(Member& member, State state) {
+  const std::lock_guard guard(lock);
+  member.state = state;
+  configured.notify_all();
 }
 
 void House::stop() {
@@ -140,36 +163,47 @@ void House::stop() {
 
 // One step towards the end of one rovik, without waiting for it. True when it has ended.
 bool House::advance(Member& member, bool late, bool others_ended) {
-  State state = member.state;
-  switch (state) {
+  switch (member.state) {
     case State::Idle:
       // Its last commands run on this thread, so it comes after those that have their own.
-      if ((late || others_ended) && member.state.compare_exchange_strong(state, State::Stopping))
-        end(member);
+      if (late || others_ended) endWhenIdle(member);
       break;
     case State::Configuring:
-      if (late) member.host().interrupt();
       break;
     case State::Running:
-      member.farewell.emplace(member.host()).post();
-      member.state = State::Leaving;
+      takeLeave(member);
       break;
     case State::Leaving:
-      if (!member.farewell->over() && !late) break;
-      member.host().askToStop();
-      member.state = State::Stopping;
+      if (late || member.farewell->over()) askToEnd(member);
       break;
     case State::Stopping:
-      if (!member.host().status().running) {
-        end(member);
-      } else if (late) {
-        member.host().interrupt();
-      }
+      endWhenStopped(member);
       break;
     case State::Ended:
-      break;
+      return true;
   }
+  if (late && member.rovik) member.host().interrupt();
   return member.state == State::Ended;
+}
+
+void House::takeLeave(Member& member) {
+  member.farewell.emplace(member.host()).post();
+  member.state = State::Leaving;
+}
+
+void House::askToEnd(Member& member) {
+  member.host().askToStop();
+  member.state = State::Stopping;
+}
+
+// start, which may still be busy, launches it no more then.
+void House::endWhenIdle(Member& member) {
+  State expected = State::Idle;
+  if (member.state.compare_exchange_strong(expected, State::Stopping)) end(member);
+}
+
+void House::endWhenStopped(Member& member) {
+  if (!member.host().status().running) end(member);
 }
 
 void House::end(Member& member) {

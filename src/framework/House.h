@@ -6,12 +6,26 @@
 // make comes first, for all of them, so that nothing is half-started when one cannot be made.
 // make, configure, start and stop may each be called from another thread, but only stop may be
 // called while another one (start) is still busy.
+//
+// One rovik on its way:
+//
+//   Idle --start--> Configuring --its block is done--> Running
+//    ^                   |                                | stop: the last commands are posted
+//    '---- refused, -----'                                v
+//    |     or stop                                     Leaving
+//    |                                                    | they are done, or it is late:
+//    |                                                    v the thread is asked to end
+//    '--stop: the last commands run here-->  Ended <-- Stopping
+//
+// Whoever is late is also freed from the wait for a peer that it may be in.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,14 +52,7 @@ class House {
   struct Member {
     explicit Member(const ConfigRovik& its_config) : config(its_config) {}
 
-    enum class State {
-      Idle,         // its thread does not run
-      Configuring,  // start is running its commands
-      Running,
-      Leaving,   // runs its last commands
-      Stopping,  // its thread was asked to end
-      Ended,     // deleted
-    };
+    enum class State { Idle, Configuring, Running, Leaving, Stopping, Ended };
 
     const ConfigRovik& config;
     std::string file;              // of its plug-in
@@ -69,8 +76,9 @@ class House {
   // Runs every command of every rovik. False when one was answered with an error or not handled.
   bool configure();
 
-  // Rovik by rovik, in the file's order: runs its commands, starts its thread. Goes on after a
-  // finding, unless `strict`: then it returns false at the first one.
+  // Rovik by rovik, in the file's order: starts its thread, which first runs its commands. One that
+  // a device keeps waiting is overtaken by the next. Returns when all have run their commands. Goes
+  // on after a finding, unless `strict`: then it returns false at the first one.
   bool start(bool strict);
 
   // Ends every rovik side by side, and start before its next command; returns when the last one is
@@ -90,8 +98,15 @@ class House {
   bool makeOne(Member& member, PluginLoader& loader);
   bool runCommands(Member& member, bool strict);
   bool runCommand(Member& member, const ConfigCommand& command);
-  bool startThread(Member& member);
+  void launch(Member& member, bool strict);
+  bool configureHere(Member& member, bool strict);
+  void settle(Member& member, Member::State state);
+  void awaitConfigured(const Member& member);
   bool advance(Member& member, bool late, bool others_ended);
+  void takeLeave(Member& member);
+  void askToEnd(Member& member);
+  void endWhenIdle(Member& member);
+  void endWhenStopped(Member& member);
   void end(Member& member);
   bool report(int line, const std::string& problem) const;
 
@@ -99,6 +114,9 @@ class House {
   const Report report_to;
   std::deque<Member> members;
   std::atomic<bool> cancelled{false};
+  std::atomic<bool> refused{false};  // a strict start has met a finding
+  std::mutex lock;                   // only for waiting until a rovik is configured
+  std::condition_variable configured;
 };
 
 }  // namespace drovane

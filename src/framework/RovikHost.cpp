@@ -45,17 +45,11 @@ RovikHost& RovikHost::of(Rovik& rovik) { return *rovik.host; }
 
 bool RovikHost::enterRouter() { return Router::global().add(mailbox); }
 
-int RovikHost::start() {
-  {
-    MutexLock guard(lock);
-    accepting = true;
-  }
-  running.store(true, std::memory_order_release);
+int RovikHost::start(std::function<bool()> its_first) {
+  first = std::move(its_first);
+  if (!first) acceptCommands();
   const int error = rovik.start(rovik.name.c_str());
-  if (error != 0) {
-    running.store(false, std::memory_order_release);
-    endCommands();
-  }
+  if (error != 0) endCommands();
   return error;
 }
 
@@ -172,6 +166,12 @@ bool RovikHost::post(const std::shared_ptr<Command>& command) {
   return true;
 }
 
+void RovikHost::acceptCommands() {
+  MutexLock guard(lock);
+  accepting = true;
+  running.store(true, std::memory_order_release);
+}
+
 void RovikHost::endCommands() {
   std::deque<std::shared_ptr<Command>> refused;
   {
@@ -179,6 +179,7 @@ void RovikHost::endCommands() {
     accepting = false;
     refused.swap(commands);
   }
+  running.store(false, std::memory_order_release);
   for (const auto& command : refused)
     if (command->withdraw()) command->done({false, "the rovik is being stopped"});
 }

@@ -26,7 +26,7 @@ struct RovikStatus {
   int id = 0;
   std::string name;
   int type = 0;
-  bool running = false;  // its thread is
+  bool running = false;  // its loop is
   bool link_open = false;
   bool held_back = false;  // does not read its link until a receiver has caught up
   std::size_t queued = 0;
@@ -55,8 +55,9 @@ class RovikHost {
 
   // Gives the rovik its address. False when its id or name is taken.
   bool enterRouter();
-  // Starts the rovik's thread. 0 or the error number of pthread_create(3).
-  int start();
+  // Starts the rovik's thread. It runs `first`, if there is one, which may call command, and then
+  // the loop, unless `first` returned false. 0 or the error number of pthread_create(3).
+  int start(std::function<bool()> first = nullptr);
   // Lets the loop end after the event in hand, without waiting: Rovik::stop then waits.
   void askToStop();
 
@@ -66,12 +67,13 @@ class RovikHost {
   // the rovik has named.
   void interrupt();
 
-  // Runs a command inside the rovik: directly when its thread does not run, else on its thread,
-  // waiting for the turn at most kPatience. Not for the rovik's own thread.
+  // Runs a command inside the rovik: directly while its loop does not run, which is for whoever is
+  // inside the rovik then; else on its thread, waiting for the turn at most kPatience, which is not
+  // for that thread itself.
   CommandResult command(std::vector<std::string> words);
 
-  // Queues a command for the rovik's thread and returns at once. False when the thread does not
-  // run; the command is then untouched.
+  // Queues a command for the rovik's loop and returns at once. False when the loop does not run;
+  // the command is then untouched.
   bool post(const std::shared_ptr<Command>& command);
 
   RovikStatus status() const;
@@ -99,6 +101,7 @@ class RovikHost {
   void dispatchTimer();
   template <typename Slot>
   void slot(const char* slot_name, Slot body);
+  void acceptCommands();
   void endCommands();
 
   // Sleeps, after waker->aboutToSleep, until the waker rings, `link` is readable (-1: none) or the
@@ -114,6 +117,8 @@ class RovikHost {
   Rovik& rovik;
   const std::shared_ptr<Waker> waker;
   const std::shared_ptr<Mailbox> mailbox;
+
+  std::function<bool()> first;  // the thread's, once it runs
 
   // Whoever is inside the rovik: its thread, or the owner before that runs.
   Outbox outbox;

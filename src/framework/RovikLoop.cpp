@@ -15,6 +15,10 @@ constexpr std::size_t kKeptBatch = 4 * Mailbox::kHighWater;
 }  // namespace
 
 int RovikHost::run() {
+  if (first) {
+    if (!first()) return 0;
+    acceptCommands();
+  }
   publishDescription();
   rovik.timer.set(rovik.period, true);
   while (!rovik.stopping()) {
@@ -23,8 +27,8 @@ int RovikHost::run() {
     dispatchCommands();
     dispatchTimer();
   }
+  publishState();
   endCommands();
-  running.store(false, std::memory_order_release);
   return 0;
 }
 

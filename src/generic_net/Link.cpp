@@ -36,8 +36,9 @@ const GenericNet::Transport* GenericNet::transport() const {
       {COM_TTY, &Net::openTTY, &Net::closeTTY, &Net::readStream, &Net::writeTTY, "write"},
       {COM_SSL, &Net::openSSL, &Net::closeSSL, &Net::readSSL, &Net::writeSSL, "ssl write"},
   };
-  const auto* const found = std::find_if(std::begin(kTransports), std::end(kTransports),
-                                         [this](const Transport& how) { return how.mode == commode; });
+  const auto* const found =
+      std::find_if(std::begin(kTransports), std::end(kTransports),
+                   [this](const Transport& how) { return how.mode == commode; });
   return found != std::end(kTransports) ? found : nullptr;
 }
 

@@ -19,11 +19,8 @@ struct Framing {
 
 tcflag_t flagsOf(TtyMode mode) {
   static constexpr Framing kFramings[] = {
-      {TTY_8N1, CS8},
-      {TTY_7E1, CS7 | PARENB},
-      {TTY_7O1, CS7 | PARENB | PARODD},
-      {TTY_8E1, CS8 | PARENB},
-      {TTY_8O1, CS8 | PARENB | PARODD},
+      {TTY_8N1, CS8},          {TTY_7E1, CS7 | PARENB},          {TTY_7O1, CS7 | PARENB | PARODD},
+      {TTY_8E1, CS8 | PARENB}, {TTY_8O1, CS8 | PARENB | PARODD},
   };
   const auto* const found = std::find_if(std::begin(kFramings), std::end(kFramings),
                                          [mode](const Framing& row) { return row.mode == mode; });

@@ -68,8 +68,8 @@ std::optional<int> GenericNet::readUDP() {
   emptyInbuf();
   sockaddr_in sender{};
   socklen_t size = sizeof sender;
-  const auto received = static_cast<int>(
-      ::recvfrom(fd, inbuf, kBufferSize, MSG_DONTWAIT, generic(sender), &size));
+  const auto received =
+      static_cast<int>(::recvfrom(fd, inbuf, kBufferSize, MSG_DONTWAIT, generic(sender), &size));
   if (received < 0 && errno == EAGAIN) return std::nullopt;
   if (received < 1) return received;
   std::array<char, INET_ADDRSTRLEN> address{};

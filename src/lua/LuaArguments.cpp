@@ -6,9 +6,7 @@
 #include "ScriptState.h"
 
 // Refused calls leave one line at level 4; the script itself goes on and is told nothing.
-void LuaRovik::refuse(const char* text) {
-  trace("%s", text);
-}
+void LuaRovik::refuse(const char* text) { trace("%s", text); }
 
 bool LuaRovik::argumentCountIs(lua_State* L, int count) {
   if (lua_gettop(L) == count) return true;

@@ -11,14 +11,12 @@ template <typename Kind>
 bool LuaRovik::decodeKeyAndType(lua_State* L, Kind& msg) {
   const char* key = lua_tostring(L, 1);
   if (key == nullptr || msg.setKey(key) < 0) {
-    trace("LUA: could not decode key %s \n",
-                        key != nullptr ? key : "(null)");
+    trace("LUA: could not decode key %s \n", key != nullptr ? key : "(null)");
     return false;
   }
   const char* type_name = lua_tostring(L, 2);
   if (type_name == nullptr || msg.setValueType(type_name) < 0) {
-    trace("LUA: could not decode type %s \n",
-                        type_name != nullptr ? type_name : "(null)");
+    trace("LUA: could not decode type %s \n", type_name != nullptr ? type_name : "(null)");
     return false;
   }
   return true;

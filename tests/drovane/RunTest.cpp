@@ -156,6 +156,16 @@ TEST(Run, IsGoneWithinFiveSecondsAlthoughItsStartHangs) {
   EXPECT_THAT(run.errors(), HasSubstr("rovik 5 boiler: stopped"));
 }
 
+TEST(Run, ARovikWhoseDeviceKeepsItWaitingIsOvertakenByTheNext) {
+  Program program;
+  Process& run = program.start("rovik 7 stuck hangs\n  hang\nrovik 6 other echo\n");
+  ASSERT_TRUE(run.waitForErrors("rovik 6 other: started"));
+  EXPECT_EQ(program.ask({"cmd", "other", "say", "alive"}).output, "alive\n");
+  const Finished refused = program.ask({"cmd", "stuck", "say", "alive"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.errors + refused.output, HasSubstr("rovik 7 stuck does not run"));
+}
+
 TEST(Run, SecondInterruptWhileStoppingEndsItAtOnce) {
   Program program;
   Process& run = program.start("rovik 7 stuck hangs\n  hang\n");

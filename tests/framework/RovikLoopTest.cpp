@@ -300,6 +300,59 @@ TEST(RovikLoopTest, StopEndsTheLoopAtOnceHoweverLongItWouldSleep) {
   EXPECT_FALSE(rovik->host().status().running);
 }
 
+// A slot that waits for its peer, as long as the peer likes.
+TEST(RovikLoopTest, AnInterruptEndsTheWaitForAPeer) {
+  SocketPair link;
+  const auto rovik = TestRovik::make(1, "boiler");
+  rovik->on_timer = [&] {
+    rovik->blocksOn(link.near.get());
+    rovik->note("waits");
+    rovik->note("heard '" + readAll(link.near.get()) + "'");
+    rovik->blocksOn(-1);
+  };
+  rovik->timer.set(TimeValue(0, 0), false);
+  rovik->run();
+  ASSERT_TRUE(rovik->waitForEvent("waits"));
+  EXPECT_EQ(rovik->countOf("heard ''"), 0U);
+  rovik->host().interrupt();
+  EXPECT_TRUE(rovik->waitForEvent("heard ''"));
+}
+
+TEST(RovikLoopTest, AnInterruptLeavesASocketAloneThatIsNoLongerNamed) {
+  SocketPair link;
+  const auto rovik = TestRovik::make(1, "boiler");
+  rovik->host().interrupt();
+  rovik->blocksOn(link.near.get());
+  rovik->blocksOn(-1);
+  rovik->host().interrupt();
+  EXPECT_TRUE(link.send("x"));
+  EXPECT_EQ(readAll(link.near.get()), "x");
+}
+
+TEST(RovikLoopTest, WhatIsToComeFirstIsRunByTheThreadBeforeItsLoop) {
+  const auto rovik = TestRovik::make(1, "boiler");
+  rovik->messageSnd(to(1U, newNote("early")).get());
+  const auto here = std::this_thread::get_id();
+  ASSERT_EQ(rovik->host().start([&] {
+    rovik->note(std::this_thread::get_id() == here ? "owner's thread" : "own thread");
+    EXPECT_FALSE(rovik->host().status().running);
+    EXPECT_TRUE(rovik->host().command({"mode"}).answered);
+    return true;
+  }),
+            0);
+  ASSERT_TRUE(rovik->waitForMessages(1));
+  EXPECT_EQ(rovik->events(), (Words{"own thread", "command mode", "message early"}));
+}
+
+TEST(RovikLoopTest, WithoutALoopWhenWhatComesFirstSaysSo) {
+  const auto rovik = TestRovik::make(1, "boiler");
+  rovik->messageSnd(to(1U, newNote("early")).get());
+  ASSERT_EQ(rovik->host().start([] { return false; }), 0);
+  EXPECT_EQ(rovik->stop(), 0);
+  EXPECT_EQ(rovik->events(), Words{});
+  EXPECT_FALSE(rovik->host().status().running);
+}
+
 TEST(RovikLoopTest, NoSlotIsCalledAfterStop) {
   SocketPair pair;
   const auto rovik = TestRovik::make(1, "boiler");

@@ -34,7 +34,8 @@ bool FailingCall::strikes(std::string_view called) {
 }
 
 ModemLines::ModemLines(int its_lines) : lines(its_lines) {
-  if (std::exchange(modem, this) != nullptr) throw std::logic_error("there are modem lines already");
+  if (std::exchange(modem, this) != nullptr)
+    throw std::logic_error("there are modem lines already");
 }
 
 ModemLines::~ModemLines() { modem = nullptr; }

@@ -37,7 +37,7 @@ class ModemLines {
   ModemLines(const ModemLines&) = delete;
   ModemLines& operator=(const ModemLines&) = delete;
 
-  int lines;      // TIOCM_... bits
+  int lines;        // TIOCM_... bits
   int flushes = 0;  // calls of tcflush
 };
 

@@ -68,6 +68,7 @@ class TestRovik final : public Rovik {
   bool waitForEvent(const std::string& event, std::size_t times = 1);
   bool waitForMessages(std::size_t count);
 
+  using Rovik::blocksOn;
   using Rovik::fd;
   using Rovik::id;
   using Rovik::messageSnd;
