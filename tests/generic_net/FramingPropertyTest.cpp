@@ -27,8 +27,21 @@ std::ostream& operator<<(std::ostream& out, const Settings& settings) {
              << " eolclose " << settings.eolclose;
 }
 
-// The units of a stream that arrives in these pieces and then ends.
-Values model(const Settings& settings, const std::vector<std::string>& pieces) {
+// What a stream has become: while the link was open, and by the peer's farewell.
+struct Outcome {
+  Values open;
+  Values farewell;
+
+  bool operator==(const Outcome&) const = default;
+};
+
+void PrintTo(const Outcome& outcome, std::ostream* out) {
+  *out << testing::PrintToString(outcome.open) << " then "
+       << testing::PrintToString(outcome.farewell);
+}
+
+// Of a stream that arrives in these pieces and then ends.
+Outcome model(const Settings& settings, const std::vector<std::string>& pieces) {
   Values units;
   std::string buffer;
   const auto arrive = [&](const std::string& bytes) {
@@ -47,8 +60,8 @@ Values model(const Settings& settings, const std::vector<std::string>& pieces) {
       arrive(piece.substr(at, room));
       at += room;
     }
-  if (settings.eolclose && !buffer.empty()) units.push_back(buffer);
-  return units;
+  if (settings.eolclose && !buffer.empty()) return {units, {buffer}};
+  return {units, {}};
 }
 
 class FramingProperty : public NetTest {
@@ -71,21 +84,27 @@ class FramingProperty : public NetTest {
     }
   }
 
-  // What the pieces, one read or more each, and the peer's farewell become, decoded again.
-  Values unitsOf(const std::vector<std::string>& pieces) {
+  Values takeUnits() {
+    Values units;
+    for (const auto& text : inbox.takeValues()) units.push_back(decoded(text));
+    return units;
+  }
+
+  // What the pieces, one read or more each, and the peer's farewell become.
+  Outcome outcomeOf(const std::vector<std::string>& pieces) {
     openTo(peer);
     for (const auto& piece : pieces) {
       deliver(peer, piece);
       readAll();
     }
+    Outcome outcome{takeUnits(), {}};
     peer.close();
     awaitEnd();
     net->readLinkNow();
     EXPECT_EQ(-1, net->fd);
     EXPECT_TRUE(net->bufferIsClean());
-    Values units;
-    for (const auto& text : inbox.takeValues()) units.push_back(decoded(text));
-    return units;
+    outcome.farewell = takeUnits();
+    return outcome;
   }
 
   static std::string decoded(const std::string& text) {
@@ -144,22 +163,31 @@ class FramingProperty : public NetTest {
 // Whole and half ends of lines, alone and in a row.
 const std::string kStream = "\nab\r\n\r\n\r\r\nc\0d\r\n\n\re"s;
 
+// The same for any end of line.
+std::string streamFor(const std::string& eol) {
+  const std::string half = eol.substr(0, eol.size() / 2);
+  return eol + "ab" + eol + eol + half + eol + "c\0d"s + half + half + "e";
+}
+
 TEST_F(FramingProperty, OneCutAtEveryPlace) {
-  for (const std::string eol : {"\n", "\r\n", "\r\n\r\n"})
+  for (std::size_t size = 1; size <= 10; ++size) {
+    const std::string eol = std::string("\r\n\r\n\0\r\r\n\n\0", 10).substr(0, size);
+    const std::string stream = (size < 3 ? kStream : "") + streamFor(eol);
     for (const auto& settings : everySetting(eol)) {
       apply(settings);
-      for (std::size_t cut = 1; cut < kStream.size(); ++cut) {
-        const std::vector<std::string> pieces = {kStream.substr(0, cut), kStream.substr(cut)};
-        ASSERT_EQ(model(settings, pieces), unitsOf(pieces)) << settings << " cut at " << cut;
+      for (std::size_t cut = 1; cut < stream.size(); ++cut) {
+        const std::vector<std::string> pieces = {stream.substr(0, cut), stream.substr(cut)};
+        ASSERT_EQ(model(settings, pieces), outcomeOf(pieces)) << settings << " cut at " << cut;
       }
     }
+  }
 }
 
 TEST_F(FramingProperty, ByteByByte) {
   for (const auto& settings : everySetting("\r\n")) {
     apply(settings);
     const auto pieces = cutAtRandom(kStream, 1);
-    ASSERT_EQ(model(settings, pieces), unitsOf(pieces)) << settings;
+    ASSERT_EQ(model(settings, pieces), outcomeOf(pieces)) << settings;
   }
 }
 
@@ -171,7 +199,7 @@ TEST_F(FramingProperty, RandomStreamsInRandomPieces) {
         const std::string stream =
             randomStream(settings.eol, 1 + upTo(longest < 100 ? 5000 : 15000));
         const auto pieces = cutAtRandom(stream, longest);
-        ASSERT_EQ(model(settings, pieces), unitsOf(pieces)) << settings;
+        ASSERT_EQ(model(settings, pieces), outcomeOf(pieces)) << settings;
       }
     }
 }
