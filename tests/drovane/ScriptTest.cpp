@@ -5,8 +5,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "RunningProgram.h"
 
@@ -81,35 +79,6 @@ TEST_F(ScriptedHouse, AnEndlessLoopDoesNotKeepTheProgramFromEnding) {
   program.running().signal(SIGTERM);
   EXPECT_EQ(program.running().wait(), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(6));
-}
-
-std::string fileContent(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// The example house with its boiler on a port of its own. It starts at 21.3 degrees and cools.
-TEST_F(ScriptedHouse, TheThermostatOfTheExampleHeatsTheBoilerAndStops) {
-  const std::string house = DROVANE_SOURCE_DIR "/examples/house";
-  Process boiler({DROVANE_BOILER, "--port", "0", "--interval", "0.2"});
-  ASSERT_TRUE(boiler.waitForOutput("\n"));
-  const std::string greeting = boiler.output();
-  const std::string port = greeting.substr(greeting.rfind(' ') + 1);
-  std::string config = fileContent(house + "/house.conf");
-  ASSERT_NE(config.find("port 7001\n"), std::string::npos);
-  config.replace(config.find("port 7001\n"), 10, "port " + port);
-
-  program.startReady(config, {"--root", house});
-  Process& errors = program.running();
-  const auto watcher = program.watch();
-  ASSERT_TRUE(errors.waitForErrors("degrees: heat ON\n"));
-  EXPECT_TRUE(watcher->waitForOutput(" thermostat(6) -> boiler actuator 5_2_0 = \"ON\""));
-  EXPECT_TRUE(watcher->waitForOutput(" boiler(5) -> everybody data 5_2_0 = \"ON\""));
-  ASSERT_TRUE(errors.waitForErrors("degrees: heat OFF\n"));
-  EXPECT_TRUE(watcher->waitForOutput(" boiler(5) -> everybody data 5_2_0 = \"OFF\""));
-  errors.signal(SIGTERM);
-  EXPECT_EQ(errors.wait(), 0);
-  EXPECT_EQ(errors.errors().find("lua function error"), std::string::npos) << errors.errors();
 }
 
 }  // namespace
