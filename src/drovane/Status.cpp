@@ -40,7 +40,7 @@ std::string count(const cJSON* object, const char* field) {
 }
 
 std::string linkText(const cJSON* row) {
-  if (!flag(row, "running")) return "stopped";
+  if (!flag(row, "running")) return flag(row, "starting") ? "starts" : "stopped";
   if (flag(row, "held_back")) return "waits";
   return flag(row, "link_open") ? "open" : "closed";
 }

@@ -124,6 +124,9 @@ Json ControlOperations::command(const Request& request) {
       });
   if (receiver.host().post(waiting.command)) return nullptr;
   pending.erase(last_ticket);
+  if (receiver.state == House::Member::State::Configuring)
+    throw RequestError("rovik " + receiver.label() +
+                       " is starting: it has not come to the end of its configuration yet");
   throw RequestError("rovik " + receiver.label() + " does not run; expected it to be started");
 }
 
@@ -157,6 +160,7 @@ Json ControlOperations::memberStatus(const House::Member& of) const {
   cJSON_AddStringToObject(row.get(), "name", now.name.c_str());
   cJSON_AddStringToObject(row.get(), "plug_in", of.config.plug_in.c_str());
   cJSON_AddNumberToObject(row.get(), "type", now.type);
+  cJSON_AddBoolToObject(row.get(), "starting", of.state == House::Member::State::Configuring);
   cJSON_AddBoolToObject(row.get(), "running", now.running);
   cJSON_AddBoolToObject(row.get(), "link_open", now.link_open);
   cJSON_AddBoolToObject(row.get(), "held_back", now.held_back);

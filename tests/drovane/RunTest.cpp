@@ -163,7 +163,8 @@ TEST(Run, ARovikWhoseDeviceKeepsItWaitingIsOvertakenByTheNext) {
   EXPECT_EQ(program.ask({"cmd", "other", "say", "alive"}).output, "alive\n");
   const Finished refused = program.ask({"cmd", "stuck", "say", "alive"});
   EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.errors + refused.output, HasSubstr("rovik 7 stuck does not run"));
+  EXPECT_THAT(refused.errors, HasSubstr("rovik 7 stuck is starting"));
+  EXPECT_THAT(program.ask({"status"}).output, HasSubstr("stuck               hangs          starts"));
 }
 
 TEST(Run, SecondInterruptWhileStoppingEndsItAtOnce) {
