@@ -54,8 +54,10 @@ void GenericNet::sendRequest(MMActuatorRequest& request) {
 
 // The first rule with this key whose expression matches gives the text. Its length, 0 without one.
 int GenericNet::outputOfRule(const char* key, const char* value, char* output) {
-  for (const RegexRule& rule : regexTableOUT) {
-    if (rule.key != key) continue;
+  const auto rules = outbound.find(key);
+  if (rules == outbound.end()) return 0;
+  for (const std::size_t index : rules->second) {
+    const RegexRule& rule = regexTableOUT[index];
     char* replaced = nullptr;
     const int matched =
         RovikUtil::regex_replace(&replaced, value, rule.output.c_str(), rule.regex.c_str());

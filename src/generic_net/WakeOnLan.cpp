@@ -1,5 +1,7 @@
 // Wake-on-LAN: a broadcast that a sleeping machine's network card recognises.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -30,6 +32,13 @@ Packet wakePacket(const unsigned char (&mac)[kMacSize]) {
   return packet;
 }
 
+// After a success the socket stays open for the life of the process: callers rely on it. It takes a
+// number that links cannot use (readfds holds those below FD_SETSIZE), so that frequent waking does
+// not use those up.
+void keepOpen(int socket) {
+  if (fcntl(socket, F_DUPFD_CLOEXEC, FD_SETSIZE) >= 0) ::close(socket);
+}
+
 }  // namespace
 
 int GenericNet::sendWOL() {
@@ -40,12 +49,14 @@ int GenericNet::sendWOL() {
     report("allocate socket (errno: %d %s)\n", errno, std::strerror(errno));
     return -1;
   }
-  if (broadcastWake(socket, packet.data(), packet.size())) return 0;
-  ::close(socket);
-  return -1;
+  if (!broadcastWake(socket, packet.data(), packet.size())) {
+    ::close(socket);
+    return -1;
+  }
+  keepOpen(socket);
+  return 0;
 }
 
-// On success the socket stays open for the life of the process: callers rely on it.
 bool GenericNet::broadcastWake(int socket, const unsigned char* packet, std::size_t size) {
   trace("setting UDP broadcast option\n");
   const int on = 1;

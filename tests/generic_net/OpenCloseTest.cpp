@@ -1,19 +1,14 @@
 // The link over TCP: how it opens and closes, and what a failure reports.
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <stdexcept>
-#include <utility>
-#include <vector>
 
 #include "CallFaults.h"
 #include "NetTest.h"
-#include "framework/Descriptor.h"
+#include "support/DescriptorLimits.h"
 
 namespace {
 
@@ -205,80 +200,31 @@ TEST_F(OpenClose, NamesAreNotResolved) {
 
 TEST_F(OpenClose, FailuresLeakNoDescriptor) {
   const RefusingPort nobody;
-  const int next = drovane::Descriptor(dup(0)).get();
+  const int next = nextDescriptor();
   pointAt(nobody.port());
   net->command({"open"});
   net->command({"host", "no address"});
   net->command({"open"});
-  EXPECT_EQ(next, drovane::Descriptor(dup(0)).get());
+  EXPECT_EQ(next, nextDescriptor());
 }
-
-// Takes every descriptor below FD_SETSIZE for as long as it lives.
-class LowDescriptorsTaken {
- public:
-  LowDescriptorsTaken() {
-    getrlimit(RLIMIT_NOFILE, &before);
-    rlimit raised = before;
-    raised.rlim_cur = std::max<rlim_t>(before.rlim_cur, FD_SETSIZE + 64);
-    possible = setrlimit(RLIMIT_NOFILE, &raised) == 0;
-    while (possible) {
-      drovane::Descriptor next(dup(0));
-      if (!next) throw std::runtime_error("no more descriptors");
-      if (next.get() >= FD_SETSIZE) return;
-      taken.push_back(std::move(next));
-    }
-  }
-  ~LowDescriptorsTaken() { setrlimit(RLIMIT_NOFILE, &before); }
-  bool possible = false;
-
- private:
-  rlimit before{};
-  std::vector<drovane::Descriptor> taken;
-};
 
 TEST_F(OpenClose, DescriptorThatDoesNotFitIntoReadfdsFailsTheOpening) {
   TcpPeer peer;
   pointAt(peer.port());
   const LowDescriptorsTaken taken;
-  if (!taken.possible) GTEST_SKIP() << "the hard limit of descriptors is below FD_SETSIZE";
-  const int next = drovane::Descriptor(dup(0)).get();
+  if (!taken.possible()) GTEST_SKIP() << "the hard limit of descriptors is below FD_SETSIZE";
+  const int next = nextDescriptor();
   ASSERT_GE(next, FD_SETSIZE);
   expectFailure("allocate socket (errno: 24 Too many open files)");
   EXPECT_FALSE(peer.linkWaits());
-  EXPECT_EQ(next, drovane::Descriptor(dup(0)).get());
+  EXPECT_EQ(next, nextDescriptor());
 }
 
 TEST_F(OpenClose, NoDescriptorLeftFailsTheOpening) {
   pointAt(1);
-  rlimit before{};
-  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-  const rlimit none{3, before.rlim_max};
-  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  const DescriptorLimit none(3);
+  ASSERT_TRUE(none.isSet());
   expectFailure("allocate socket (errno: 24 Too many open files)");
-  EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
-}
-
-TEST_F(OpenClose, ModemLinesNeedASerialLink) {
-  TcpPeer peer;
-  openTo(peer);
-  const struct {
-    const char* keyword;
-    const char* word;
-    const char* reason;
-    const char* text;
-  } kRows[] = {
-      {"dtr", "on", "DTR: not in tty mode", "could not set DTR"},
-      {"dtr", "off", "DTR: not in tty mode", "could not clear DTR"},
-      {"dtr", "ON", "DTR: not in tty mode", "could not clear DTR"},
-      {"rts", "on", "RTS: not in tty mode", "could not set RTS"},
-      {"rts", "off", "RTS: not in tty mode", "could not clear RTS"},
-  };
-  for (const auto& row : kRows) {
-    EXPECT_EQ("ERROR", net->command({row.keyword, row.word}));
-    EXPECT_EQ((Lines{errorLine(row.reason), errorLine(row.text)}), newLines());
-    EXPECT_EQ(row.text, warning());
-  }
-  EXPECT_GE(net->fd, 0);
 }
 
 TEST_F(OpenClose, TestSendsFiveBytes) {

@@ -1,26 +1,20 @@
 // Wake-on-LAN: its settings and its packet.
-#include <arpa/inet.h>
-#include <dirent.h>
-#include <net/if.h>
-#include <net/route.h>
-#include <poll.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <fcntl.h>
+#include <sys/select.h>
 
-#include <cstring>
-#include <functional>
-#include <thread>
+#include <cerrno>
+#include <filesystem>
+#include <optional>
+#include <set>
 
+#include "CallFaults.h"
 #include "NetTest.h"
-#include "framework/Descriptor.h"
-#include "support/Eventually.h"
+#include "support/DescriptorLimits.h"
+#include "support/OtherHost.h"
+#include "support/PeerUdp.h"
 
 namespace {
 
-using drovane::Descriptor;
 using testing::MatchesRegex;
 
 class WakeOnLan : public NetTest {
@@ -102,91 +96,75 @@ TEST_F(WakeOnLan, NoAddressIsReported) {
 }
 
 TEST_F(WakeOnLan, NoDescriptorIsReported) {
-  rlimit before{};
-  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-  const rlimit none{3, before.rlim_max};
-  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-  EXPECT_EQ(-1, net->sendWOL());
-  EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+  {
+    const DescriptorLimit none(3);
+    ASSERT_TRUE(none.isSet());
+    EXPECT_EQ(-1, net->sendWOL());
+  }
   EXPECT_EQ((Lines{traceLine("opening WOL UDP socket"),
                    errorLine("allocate socket (errno: 24 Too many open files)")}),
             newLines());
   EXPECT_EQ("allocate socket (errno: 24 Too many open files)", warning());
 }
 
-int openDescriptors() {
-  int count = 0;
-  DIR* folder = opendir("/proc/self/fd");
-  if (folder == nullptr) return -1;
-  while (readdir(folder) != nullptr) ++count;
-  closedir(folder);
-  return count;
+std::set<int> openDescriptors() {
+  std::set<int> numbers;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    numbers.insert(std::stoi(entry.path().filename()));
+  // The listing's own is among them.
+  std::erase_if(numbers, [](int number) { return fcntl(number, F_GETFD) < 0; });
+  return numbers;
 }
 
 TEST_F(WakeOnLan, FailureLeavesNoDescriptorOpen) {
-  const int before = openDescriptors();
+  const std::set<int> before = openDescriptors();
   for (int i = 0; i < 3; ++i) EXPECT_EQ("ERROR", net->command({"wol", "snd"}));
   EXPECT_EQ(before, openDescriptors());
 }
 
-// Runs each test's body on a thread in a network of its own, where port 9 is free, nothing leaves
-// the machine and the routes are the test's. A body opens its sockets there; they belong to that
-// network wherever they are used later.
+TEST_F(WakeOnLan, SocketThatMayNotBroadcastIsReported) {
+  const int next = nextDescriptor();
+  const FailingCall fault("setsockopt", ENOPROTOOPT);
+  EXPECT_EQ(-1, net->sendWOL());
+  EXPECT_EQ((Lines{traceLine("opening WOL UDP socket"), traceLine("setting UDP broadcast option"),
+                   errorLine("setsockopt (errno: 92 Protocol not available)")}),
+            newLines());
+  EXPECT_EQ("setsockopt (errno: 92 Protocol not available)", warning());
+  EXPECT_EQ(1U, warnings());
+  EXPECT_EQ(next, nextDescriptor());
+}
+
+TEST_F(WakeOnLan, SocketWithoutALocalAddressIsReported) {
+  const int next = nextDescriptor();
+  const FailingCall fault("bind", EADDRINUSE);
+  EXPECT_EQ("ERROR", net->command({"wol", "snd"}));
+  EXPECT_EQ((Lines{traceLine("opening WOL UDP socket"), traceLine("setting UDP broadcast option"),
+                   errorLine("bind (errno: 98 Address already in use)")}),
+            newLines());
+  EXPECT_EQ("bind (errno: 98 Address already in use)", warning());
+  EXPECT_EQ(1U, warnings());
+  EXPECT_EQ(next, nextDescriptor());
+}
+
+TEST_F(WakeOnLan, FailureLeavesAnOpenLinkAsItIs) {
+  TcpPeer peer;
+  openTo(peer);
+  const int link = net->fd;
+  feed(peer, "half a line");
+  EXPECT_EQ("ERROR", net->command({"wol", "snd"}));
+  EXPECT_EQ(link, net->fd);
+  EXPECT_EQ(11, net->inbufpos);
+  feed(peer, "\n");
+  EXPECT_EQ(0, net->inbufpos);
+}
+
+// In a network where port 9 is free, nothing leaves the machine and the routes are the test's.
 class WakeOnLanNetwork : public WakeOnLan {
  protected:
   void SetUp() override {
-    if (geteuid() != 0) GTEST_SKIP() << "a network of its own takes root";
-  }
-
-  static void inOwnNetwork(const std::function<void()>& body) {
-    std::thread([&] {
-      if (unshare(CLONE_NEWNET) != 0) {
-        ADD_FAILURE() << "no network of its own: " << std::strerror(errno);
-        return;
-      }
-      body();
-    }).join();
-  }
-
-  static Descriptor udpSocket() {
-    return Descriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  }
-
-  static void raiseLoopback() {
-    ifreq request{};
-    std::strcpy(request.ifr_name, "lo");
-    request.ifr_flags = IFF_UP;
-    ASSERT_EQ(0, ioctl(udpSocket().get(), SIOCSIFFLAGS, &request)) << std::strerror(errno);
-  }
-
-  static void routeEverythingToLoopback() {
-    rtentry route{};
-    route.rt_dst.sa_family = AF_INET;
-    route.rt_genmask.sa_family = AF_INET;
-    route.rt_flags = RTF_UP;
-    char device[] = "lo";
-    route.rt_dev = device;
-    ASSERT_EQ(0, ioctl(udpSocket().get(), SIOCADDRT, &route)) << std::strerror(errno);
-  }
-
-  // A socket on port 9 of every address.
-  static Descriptor discardService() {
-    Descriptor service = udpSocket();
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(9);
-    EXPECT_EQ(0, bind(service.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
-    return service;
-  }
-
-  static std::string nextDatagram(const Descriptor& service) {
-    pollfd watched{service.get(), POLLIN, 0};
-    const auto patience = std::chrono::milliseconds(kPatienceOfTests).count();
-    if (poll(&watched, 1, static_cast<int>(patience)) != 1) return "no datagram";
-    std::string bytes(2000, '\0');
-    const auto size = recv(service.get(), bytes.data(), bytes.size(), 0);
-    bytes.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
-    return bytes;
+    const std::string refusal = OwnNetwork::refusal();
+    if (!refusal.empty()) GTEST_SKIP() << refusal;
+    network.emplace();
   }
 
   static std::string packetFor(const std::string& mac) {
@@ -195,83 +173,124 @@ class WakeOnLanNetwork : public WakeOnLan {
     return packet;
   }
 
+  // Sends a packet; the descriptor that this leaves open, -1 when it is not exactly one.
+  int sendAndFind() {
+    net->command({"wol", "adr", "127.0.0.1"});
+    const std::set<int> before = openDescriptors();
+    EXPECT_EQ("OK", net->command({"wol", "snd"}));
+    std::set<int> more = openDescriptors();
+    std::erase_if(more, [&](int number) { return before.contains(number); });
+    return more.size() == 1 ? *more.begin() : -1;
+  }
+
   const Lines sending = {traceLine("opening WOL UDP socket"),
                          traceLine("setting UDP broadcast option"),
                          traceLine("sending WOL UDP broadcast")};
+
+ private:
+  std::optional<OwnNetwork> network;
 };
 
 TEST_F(WakeOnLanNetwork, PacketGoesToPortNineOfTheAddress) {
-  inOwnNetwork([this] {
-    raiseLoopback();
-    const Descriptor service = discardService();
-    net->command({"wol", "adr", "127.0.0.1"});
-    net->command({"wol", "mac", "00:11:22:33:44:55"});
-    newLines();
-    EXPECT_EQ("OK", net->command({"wol", "snd"}));
-    EXPECT_EQ(sending, newLines());
-    const std::string packet = nextDatagram(service);
-    EXPECT_EQ(102U, packet.size());
-    EXPECT_EQ(packetFor(std::string("\x00\x11\x22\x33\x44\x55", 6)), packet);
-    EXPECT_EQ(0U, warnings());
-  });
+  const UdpPeer sleeper("127.0.0.1", 9);
+  net->command({"wol", "adr", "127.0.0.1"});
+  net->command({"wol", "mac", "00:11:22:33:44:55"});
+  newLines();
+  EXPECT_EQ("OK", net->command({"wol", "snd"}));
+  EXPECT_EQ(sending, newLines());
+  const std::string packet = sleeper.receive().bytes;
+  EXPECT_EQ(102U, packet.size());
+  EXPECT_EQ(packetFor(std::string("\x00\x11\x22\x33\x44\x55", 6)), packet);
+  EXPECT_FALSE(sleeper.datagramWaits());
+  EXPECT_EQ(0U, warnings());
 }
 
 TEST_F(WakeOnLanNetwork, LimitedBroadcastIsAllowed) {
-  inOwnNetwork([this] {
-    raiseLoopback();
-    routeEverythingToLoopback();
-    const Descriptor service = discardService();
-    net->command({"wol", "adr", "255.255.255.255"});
-    net->command({"wol", "mac", "ff:fe:fd:fc:fb:fa"});
-    EXPECT_EQ("OK", net->command({"wol", "snd"}));
-    EXPECT_EQ(packetFor("\xff\xfe\xfd\xfc\xfb\xfa"), nextDatagram(service));
-  });
+  OwnNetwork::ip({"route", "add", "default", "dev", "lo"});
+  const UdpPeer sleeper("0.0.0.0", 9);
+  net->command({"wol", "adr", "255.255.255.255"});
+  net->command({"wol", "mac", "ff:fe:fd:fc:fb:fa"});
+  EXPECT_EQ("OK", net->command({"wol", "snd"}));
+  EXPECT_EQ(packetFor("\xff\xfe\xfd\xfc\xfb\xfa"), sleeper.receive().bytes);
+}
+
+TEST_F(WakeOnLanNetwork, BroadcastReachesTheOtherHosts) {
+  const OtherHost other;
+  OwnNetwork::ip({"route", "add", "default", "dev", "near"});
+  const UdpPeer sleeper = other.udpPeer(9);
+  net->command({"wol", "mac", "00:11:22:33:44:55"});
+  for (const char* address : {OtherHost::kBroadcast, "255.255.255.255"}) {
+    net->command({"wol", "adr", address});
+    EXPECT_EQ("OK", net->command({"wol", "snd"})) << address;
+    const Datagram packet = sleeper.receive();
+    EXPECT_EQ(packetFor(std::string("\x00\x11\x22\x33\x44\x55", 6)), packet.bytes);
+    EXPECT_EQ(OtherHost::kAddressHere, packet.address);
+  }
 }
 
 // Each success leaves its socket open for the life of the process, as callers rely on.
 TEST_F(WakeOnLanNetwork, EachSuccessLeavesOneDescriptorOpen) {
-  inOwnNetwork([this] {
-    raiseLoopback();
-    net->command({"wol", "adr", "127.0.0.1"});
-    const int before = openDescriptors();
-    for (int sent = 1; sent <= 3; ++sent) {
-      EXPECT_EQ("OK", net->command({"wol", "snd"}));
-      EXPECT_EQ(before + sent, openDescriptors());
-    }
-  });
+  net->command({"wol", "adr", "127.0.0.1"});
+  const std::set<int> before = openDescriptors();
+  for (std::size_t sent = 1; sent <= 3; ++sent) {
+    EXPECT_EQ("OK", net->command({"wol", "snd"}));
+    EXPECT_EQ(before.size() + sent, openDescriptors().size());
+  }
+}
+
+TEST_F(WakeOnLanNetwork, DescriptorOutlivesTheRovik) {
+  const int left_open = sendAndFind();
+  ASSERT_GE(left_open, 0);
+  const int port = localPortOf(left_open);
+  EXPECT_GT(port, 0);
+  EXPECT_EQ(FD_CLOEXEC, fcntl(left_open, F_GETFD));
+  net.reset();
+  EXPECT_EQ(port, localPortOf(left_open));
+}
+
+// The numbers below FD_SETSIZE are the only ones that a link can use.
+TEST_F(WakeOnLanNetwork, DescriptorsStayOutOfTheWayOfLinks) {
+  const int next = nextDescriptor();
+  EXPECT_GE(sendAndFind(), FD_SETSIZE);
+  EXPECT_EQ(next, nextDescriptor());
+}
+
+TEST_F(WakeOnLanNetwork, DescriptorStaysOpenWhereOnlyLowNumbersAreAllowed) {
+  const DescriptorLimit low_only(FD_SETSIZE);
+  ASSERT_TRUE(low_only.isSet());
+  const int next = nextDescriptor();
+  EXPECT_EQ(next, sendAndFind());
+  EXPECT_EQ(0U, warnings());
 }
 
 TEST_F(WakeOnLanNetwork, SendsInEveryModeAndBesideAnOpenLink) {
-  inOwnNetwork([this] {
-    raiseLoopback();
-    net->command({"wol", "adr", "127.0.0.1"});
-    for (const char* mode : {"udp", "tcp", "tty", "ssl"}) {
-      net->command({"mode", mode});
-      EXPECT_EQ("OK", net->command({"wol", "snd"})) << mode;
-      EXPECT_EQ(-1, net->fd);
-    }
-    net->command({"mode", "tcp"});
-    TcpPeer peer;
-    openTo(peer);
-    const int link = net->fd;
-    EXPECT_EQ("OK", net->command({"wol", "snd"}));
-    EXPECT_EQ(link, net->fd);
-    EXPECT_EQ(sending, newLines());
-  });
+  net->command({"wol", "adr", "127.0.0.1"});
+  for (const char* mode : {"udp", "tcp", "tty", "ssl"}) {
+    net->command({"mode", mode});
+    EXPECT_EQ("OK", net->command({"wol", "snd"})) << mode;
+    EXPECT_EQ(-1, net->fd);
+  }
+  net->command({"mode", "tcp"});
+  TcpPeer peer;
+  openTo(peer);
+  const int link = net->fd;
+  feed(peer, "half a line");
+  EXPECT_EQ("OK", net->command({"wol", "snd"}));
+  EXPECT_EQ(link, net->fd);
+  EXPECT_EQ(11, net->inbufpos);
+  EXPECT_EQ(sending, newLines());
 }
 
 TEST_F(WakeOnLanNetwork, UnreachableAddressIsReported) {
-  inOwnNetwork([this] {
-    const int before = openDescriptors();
-    net->command({"wol", "adr", "192.0.2.255"});
-    newLines();
-    EXPECT_EQ("ERROR", net->command({"wol", "snd"}));
-    Lines expected = sending;
-    expected.push_back(errorLine("sendto (errno: 101 Network is unreachable)"));
-    EXPECT_EQ(expected, newLines());
-    EXPECT_EQ("sendto (errno: 101 Network is unreachable)", warning());
-    EXPECT_EQ(before, openDescriptors());
-  });
+  const std::set<int> before = openDescriptors();
+  net->command({"wol", "adr", "192.0.2.255"});
+  newLines();
+  EXPECT_EQ("ERROR", net->command({"wol", "snd"}));
+  Lines expected = sending;
+  expected.push_back(errorLine("sendto (errno: 101 Network is unreachable)"));
+  EXPECT_EQ(expected, newLines());
+  EXPECT_EQ("sendto (errno: 101 Network is unreachable)", warning());
+  EXPECT_EQ(before, openDescriptors());
 }
 
 }  // namespace
