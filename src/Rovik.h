@@ -86,9 +86,10 @@ class Rovik : public Thread {
 
   // Names the socket that calls of this rovik may wait for without a limit: a handshake, a read, a
   // write. When the rovik is to end and does not come back from such a wait, the framework shuts
-  // the socket down, so that the wait ends as if the peer had gone. -1: none, to be said before the
-  // socket is closed. Only the thread that is inside the rovik may call.
-  void blocksOn(int socket);
+  // the socket down, so that the wait ends as if the peer had gone; from then on the answer is
+  // false, and there should be no further wait. -1: none, to be said before the socket is closed.
+  // Only the thread that is inside the rovik may call.
+  bool blocksOn(int socket);
 
   // Records `text` as the current warning, with its time, for the status display. Any thread.
   void setWarning(std::string text);

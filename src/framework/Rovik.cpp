@@ -38,5 +38,5 @@ int Rovik::selectTI() { return 0; }
 
 int Rovik::messageSnd(RovikMessage* msg) { return host->messageSnd(msg); }
 RovikMessage* Rovik::messageSndBlock(RovikMessage* msg) { return host->messageSndBlock(msg); }
-void Rovik::blocksOn(int socket) { host->blocksOn(socket); }
+bool Rovik::blocksOn(int socket) { return host->blocksOn(socket); }
 void Rovik::setWarning(std::string text) { host->setWarning(std::move(text)); }

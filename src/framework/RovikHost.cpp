@@ -82,15 +82,17 @@ void RovikHost::awaitReply() {
   waker->awake(false);
 }
 
-void RovikHost::blocksOn(int socket) {
+bool RovikHost::blocksOn(int socket) {
   MutexLock guard(lock);
-  blocking_socket = socket;
+  blocking_socket = interrupted ? -1 : socket;
+  return !interrupted;
 }
 
 // Under the lock, so that the number is not another thread's descriptor already. What is no
 // connected socket does not mind.
 void RovikHost::interrupt() {
   MutexLock guard(lock);
+  interrupted = true;
   if (blocking_socket >= 0) ::shutdown(blocking_socket, SHUT_RDWR);
 }
 

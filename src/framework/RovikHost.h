@@ -63,8 +63,8 @@ class RovikHost {
 
   // --- Any thread ---
 
-  // Ends the wait for a peer that the thread inside the rovik may be in: shuts the socket down that
-  // the rovik has named.
+  // Ends the wait for a peer that the thread inside the rovik may be in, for good: shuts the socket
+  // down that the rovik has named, and has it name no other.
   void interrupt();
 
   // Runs a command inside the rovik: directly while its loop does not run, which is for whoever is
@@ -82,7 +82,7 @@ class RovikHost {
   // What a rovik calls through its base class.
   int messageSnd(RovikMessage* msg);
   RovikMessage* messageSndBlock(RovikMessage* msg);
-  void blocksOn(int socket);
+  bool blocksOn(int socket);
   void setWarning(std::string text);
 
   // The thread body.
@@ -138,6 +138,7 @@ class RovikHost {
   std::uint64_t warning_count DROVANE_GUARDED_BY(lock) = 0;
   std::string description DROVANE_GUARDED_BY(lock);
   int blocking_socket DROVANE_GUARDED_BY(lock) = -1;  // -1: none
+  bool interrupted DROVANE_GUARDED_BY(lock) = false;
   int type DROVANE_GUARDED_BY(lock) = 0;
 };
 

@@ -67,7 +67,7 @@ int GenericNet::setRegexTableIN(char* key, char* regex, char* output, char* type
 }
 
 int GenericNet::setRegexTableOUT(char* key, char* regex, char* output) {
-  outbound[key].push_back(regexTableOUT.size());
   regexTableOUT.emplace_back(key, regex, output, "MM_ACTUATOR_REQUEST");
+  outbound[key].add(regex, output);
   return 0;
 }

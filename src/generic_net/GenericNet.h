@@ -208,7 +208,6 @@ class GenericNet : public LuaRovik {
   unsigned int link_epoch = 0;
   bool closing = false;    // ROVIK_RCVCLOSE runs; a close that it causes is not a second one
   RegexTable inbound;      // regexTableIN, ready to match
-  // Where in regexTableOUT the rules of a key are, in the table's order.
-  std::unordered_map<std::string, std::vector<std::size_t>> outbound;
-  std::string spare_text;  // memory for the next unit's text
+  std::unordered_map<std::string, RegexTable> outbound;  // regexTableOUT by key, ready to match
+  std::string spare_text;                                // memory for the next unit's text
 };

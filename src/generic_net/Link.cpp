@@ -48,7 +48,9 @@ int GenericNet::openGeneric() {
       "lua ROVIK_RCVOPEN did not return expected timer info, using default timer\n"};
   if (fd >= 0) return 0;
   emptyInbuf();
-  const Transport* const how = transport();
+  // A rovik that is being made to end opens nothing: what a script may still write is not to cost
+  // time.
+  const Transport* const how = blocksOn(-1) ? transport() : nullptr;
   const int result = how != nullptr ? (this->*how->open)() : -1;
   if (result < 0) {
     report("open failed\n");
@@ -84,17 +86,16 @@ void GenericNet::emptyInbuf() {
   std::memset(inbuf, 0, sizeof inbuf);
 }
 
-// A descriptor that does not fit into readfds counts as one that was not to be had. False with
-// errno set.
+// A descriptor that does not fit into readfds counts as one that was not to be had, and so does any
+// while the rovik is being made to end. False with errno set.
 bool GenericNet::takeDescriptor(int descriptor) {
-  if (descriptor >= FD_SETSIZE) {
-    ::close(descriptor);
-    descriptor = -1;
-    errno = EMFILE;
-  }
   fd = descriptor;
-  if (fd >= 0) blocksOn(fd);
-  return fd >= 0;
+  if (fd < 0) return false;
+  const bool fits = fd < FD_SETSIZE;
+  if (fits && blocksOn(fd)) return true;
+  closeDescriptor();
+  errno = fits ? ECANCELED : EMFILE;
+  return false;
 }
 
 void GenericNet::closeDescriptor() {

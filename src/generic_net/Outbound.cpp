@@ -8,10 +8,11 @@
 #include <cerrno>
 #include <cstring>
 #include <lua.hpp>
+#include <optional>
+#include <string>
 
 #include "Drovane.h"
 #include "GenericNet.h"
-#include "Owned.h"
 #include "RovikUtil.h"
 
 namespace {
@@ -56,17 +57,13 @@ void GenericNet::sendRequest(MMActuatorRequest& request) {
 int GenericNet::outputOfRule(const char* key, const char* value, char* output) {
   const auto rules = outbound.find(key);
   if (rules == outbound.end()) return 0;
-  for (const std::size_t index : rules->second) {
-    const RegexRule& rule = regexTableOUT[index];
-    char* replaced = nullptr;
-    const int matched =
-        RovikUtil::regex_replace(&replaced, value, rule.output.c_str(), rule.regex.c_str());
-    const OwnedText text(replaced);
-    if (matched <= 0) continue;
-    trace("REGOUT MATCH\n");
-    return RovikUtil::unescape(output, kBufferSize, text.get());
-  }
-  return 0;
+  std::optional<std::string> text;
+  rules->second.match(value, [&](std::size_t, const std::string& filled) {
+    if (!text) text = filled;
+  });
+  if (!text) return 0;
+  trace("REGOUT MATCH\n");
+  return RovikUtil::unescape(output, kBufferSize, text->c_str());
 }
 
 // Writes once and does not try again. The end of line goes in place behind the data.
