@@ -106,7 +106,8 @@ bool House::start(bool strict) {
   for (Member& member : members) {
     launch(member, strict);
     std::unique_lock guard(lock);
-    configured.wait_for(guard, kOvertaking, [&] { return member.state != State::Configuring; });
+    configured.wait_for(guard, kOvertaking,
+                        [&] { return refused || member.state != State::Configuring; });
     if (refused) return false;
   }
   for (const Member& member : members) awaitConfigured(member);
@@ -115,14 +116,18 @@ bool House::start(bool strict) {
 
 void House::awaitConfigured(const Member& member) {
   std::unique_lock guard(lock);
-  configured.wait(guard, [&] { return member.state != State::Configuring; });
+  configured.wait(guard, [&] { return refused || member.state != State::Configuring; });
 }
 
 void House::launch(Member& member, bool strict) {
   State expected = State::Idle;
   if (cancelled || !member.state.compare_exchange_strong(expected, State::Configuring)) return;
-  const int error =
-      member.host().start([this, &member, strict] { return configureHere(member, strict); });
+  int error = 0;
+  {
+    // The thread settles no earlier than it is known to its rovik: stop would delete that before.
+    const std::lock_guard guard(lock);
+    error = member.host().start([this, &member, strict] { return configureHere(member, strict); });
+  }
   if (error == 0) return;
   report(member.config.line, "the thread of rovik " + member.label() +
                                  " could not be started: " + std::strerror(error));
@@ -169,6 +174,8 @@ bool House::advance(Member& member, bool late, bool others_ended) {
       if (late || others_ended) endWhenIdle(member);
       break;
     case State::Configuring:
+      // Requests of its script are answered with nothing from now on.
+      if (late) member.host().askToStop();
       break;
     case State::Running:
       takeLeave(member);

@@ -159,7 +159,7 @@ class GenericNet : public LuaRovik {
     std::optional<int> (GenericNet::*read)();
     // Once. Negative with errno set on failure.
     ssize_t (GenericNet::*write)(const char* data, std::size_t length);
-    const char* write_name;  // in the report of a failure
+    const char* write_failure;  // its report, for errno and its text
   };
   const Transport* transport() const;
 
@@ -177,7 +177,8 @@ class GenericNet : public LuaRovik {
   bool acceptPeer();
   bool decryptedWaits() const;
   bool setUpPort();
-  bool applyToPort(const termios& settings, const char* prefix);
+  struct PortReports;
+  bool applyToPort(const termios& settings, const PortReports& reports);
 
   std::optional<int> readUDP();
   std::optional<int> readStream();  // TCP and serial
@@ -206,8 +207,8 @@ class GenericNet : public LuaRovik {
   // Counts the links that came and went, so that a loop over the buffer sees that a callback has
   // changed the link under it.
   unsigned int link_epoch = 0;
-  bool closing = false;    // ROVIK_RCVCLOSE runs; a close that it causes is not a second one
-  RegexTable inbound;      // regexTableIN, ready to match
+  bool closing = false;  // ROVIK_RCVCLOSE runs; a close that it causes is not a second one
+  RegexTable inbound;    // regexTableIN, ready to match
   std::unordered_map<std::string, RegexTable> outbound;  // regexTableOUT by key, ready to match
   std::string spare_text;                                // memory for the next unit's text
 };

@@ -30,11 +30,15 @@ class During {
 const GenericNet::Transport* GenericNet::transport() const {
   using Net = GenericNet;
   static constexpr Transport kTransports[] = {
-      // mode    open           close           read              write            write_name
-      {COM_UDP, &Net::openUDP, &Net::closeUDP, &Net::readUDP, &Net::writeUDP, "sendto"},
-      {COM_TCP, &Net::openTCP, &Net::closeTCP, &Net::readStream, &Net::writeTCP, "send"},
-      {COM_TTY, &Net::openTTY, &Net::closeTTY, &Net::readStream, &Net::writeTTY, "write"},
-      {COM_SSL, &Net::openSSL, &Net::closeSSL, &Net::readSSL, &Net::writeSSL, "ssl write"},
+      // mode    open           close           read              write
+      {COM_UDP, &Net::openUDP, &Net::closeUDP, &Net::readUDP, &Net::writeUDP,
+       "sendto (errno: %d %s)\n"},
+      {COM_TCP, &Net::openTCP, &Net::closeTCP, &Net::readStream, &Net::writeTCP,
+       "send (errno: %d %s)\n"},
+      {COM_TTY, &Net::openTTY, &Net::closeTTY, &Net::readStream, &Net::writeTTY,
+       "write (errno: %d %s)\n"},
+      {COM_SSL, &Net::openSSL, &Net::closeSSL, &Net::readSSL, &Net::writeSSL,
+       "ssl write (errno: %d %s)\n"},
   };
   const auto* const found =
       std::find_if(std::begin(kTransports), std::end(kTransports),
@@ -116,7 +120,7 @@ int GenericNet::sendTest() {
   const Transport* const how = transport();
   if (how == nullptr || (this->*how->write)(kText.data(), kText.size()) >= 0) return 0;
   // A serial line's failure goes by the name of the datagram's here.
-  report("%s (errno: %d %s)\n", commode == COM_TCP ? "send" : "sendto", errno,
+  report(commode == COM_TCP ? "send (errno: %d %s)\n" : "sendto (errno: %d %s)\n", errno,
          std::strerror(errno));
   closeGeneric();
   return -1;

@@ -88,7 +88,7 @@ int GenericNet::sndData(char* data, int length, int capacity) {
 int GenericNet::writeLink(const char* data, std::size_t length) {
   const Transport* const how = transport();
   if (how == nullptr || (this->*how->write)(data, length) >= 0) return 0;
-  report("%s (errno: %d %s)\n", how->write_name, errno, std::strerror(errno));
+  report(how->write_failure, errno, std::strerror(errno));
   closeGeneric();
   return -1;
 }

@@ -29,6 +29,12 @@ tcflag_t flagsOf(TtyMode mode) {
 
 }  // namespace
 
+// What is reported when settings cannot be applied, for the device, errno and its text.
+struct GenericNet::PortReports {
+  const char* flush;
+  const char* configure;
+};
+
 int GenericNet::openTTY() {
   trace("opening Serial socket\n");
   if (!takeDescriptor(::open(tty, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))) {
@@ -63,19 +69,21 @@ bool GenericNet::setUpPort() {
     report("failed to set baudrate: %d (errno: %d %s)\n", code, errno, std::strerror(errno));
     return false;
   }
-  return applyToPort(settings, "");
+  static constexpr PortReports kReports = {
+      "failed to flush serial port: %s (errno: %d %s)\n",
+      "failed to set serial configuration: %s (errno: %d %s)\n",
+  };
+  return applyToPort(settings, kReports);
 }
 
-// What waits in either direction is dropped. False after the reason was reported, behind `prefix`.
-bool GenericNet::applyToPort(const termios& settings, const char* prefix) {
+// What waits in either direction is dropped. False after the reason was reported.
+bool GenericNet::applyToPort(const termios& settings, const PortReports& reports) {
   if (tcflush(fd, TCIOFLUSH) == -1) {
-    report("%sfailed to flush serial port: %s (errno: %d %s)\n", prefix, tty, errno,
-           std::strerror(errno));
+    report(reports.flush, tty, errno, std::strerror(errno));
     return false;
   }
   if (tcsetattr(fd, TCSANOW, &settings) < 0) {
-    report("%sfailed to set serial configuration: %s (errno: %d %s)\n", prefix, tty, errno,
-           std::strerror(errno));
+    report(reports.configure, tty, errno, std::strerror(errno));
     return false;
   }
   return true;
@@ -102,7 +110,11 @@ int GenericNet::toggleRTS(bool on) {
   } else {
     settings.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
   }
-  return applyToPort(settings, "RTS: ") ? 0 : -1;
+  static constexpr PortReports kReports = {
+      "RTS: failed to flush serial port: %s (errno: %d %s)\n",
+      "RTS: failed to set serial configuration: %s (errno: %d %s)\n",
+  };
+  return applyToPort(settings, kReports) ? 0 : -1;
 }
 
 int GenericNet::toggleDTR(bool on) {
