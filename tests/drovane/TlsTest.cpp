@@ -42,7 +42,7 @@ TEST(TlsProgram, PolicyOfTheMachineDoesNotKeepAnOldDeviceOut) {
   auto refused = std::async(std::launch::async, [&] { return peer.accept(); });
   const std::string address = "127.0.0.1:" + std::to_string(peer.port());
   EXPECT_NE(runToEnd({"openssl", "s_client", "-tls1", "-connect", address}).status, 0);
-  EXPECT_FALSE(refused.valid() && peer.link().hasLink() && refused.get());
+  EXPECT_FALSE(refused.get());
 
   auto taken = std::async(std::launch::async, [&] { return peer.accept(); });
   program.startReady("log level 4\nrovik 5 net generic_net\n  mode ssl\n  host 127.0.0.1\n  port " +
