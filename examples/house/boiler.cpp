@@ -35,6 +35,8 @@ class Boiler : public simulator::Device {
     return request + "\r\n";
   }
 
+  void losePower() override { burning = false; }
+
  private:
   static constexpr double kOutside = 4.0;         // degrees Celsius, where it cools to
   static constexpr double kHeated = 58.0;         // where burner and loss are in balance
@@ -48,12 +50,8 @@ class Boiler : public simulator::Device {
 
 void simulate(const simulator::Options& options) {
   Boiler boiler;
-  simulator::Simulation simulation(boiler, options.interval());
-  simulator::Listener listener = simulator::listenOn(options.port());
-  simulator::announce("boiler: listening on 127.0.0.1 port " + std::to_string(listener.port));
-  simulation.accept(std::move(listener.socket), [](simulator::Descriptor socket) {
-    return std::make_unique<simulator::PlainConnection>(std::move(socket));
-  });
+  simulator::Simulation simulation("boiler", boiler, options.interval(),
+                                   simulator::atPort(options.port()));
   simulation.run();
 }
 

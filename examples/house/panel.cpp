@@ -139,13 +139,12 @@ class TlsConnection : public simulator::Connection {
 
 void simulate(const simulator::Options& options) {
   Panel panel;
-  simulator::Simulation simulation(panel, options.interval());
-  simulator::Listener listener = simulator::listenOn(options.port());
   const Context context = oldContext();
-  simulator::announce("panel: listening on 127.0.0.1 port " + std::to_string(listener.port));
-  simulation.accept(std::move(listener.socket), [&context](simulator::Descriptor socket) {
+  const auto welcome = [&context](simulator::Descriptor socket) {
     return std::make_unique<TlsConnection>(context.get(), std::move(socket));
-  });
+  };
+  simulator::Simulation simulation("panel", panel, options.interval(),
+                                   simulator::atPort(options.port(), welcome));
   simulation.run();
 }
 

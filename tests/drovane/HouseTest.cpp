@@ -5,10 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
+#include <cmath>
 
 #include "RunningProgram.h"
+#include "SimulatedDevice.h"
 #include "support/Eventually.h"
 
 namespace {
@@ -18,58 +18,22 @@ using testing::Not;
 using testing::StartsWith;
 
 const char kHouse[] = DROVANE_SOURCE_DIR "/examples/house";
-const std::string kDevices = DROVANE_DEVICES "/";
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 bool exists(const std::string& path) {
   struct stat facts {};
   return ::lstat(path.c_str(), &facts) == 0;
 }
 
-// A simulated device that already listens.
-class Device {
- public:
-  Device(const std::string& name, const Arguments& options) : process(line(name, options)) {
-    EXPECT_TRUE(process.waitForOutput("\n")) << process.errors();
-  }
-  // The last word of its greeting: a port or a path.
-  std::string place() {
-    const std::string greeting = process.output();
-    const std::size_t begin = greeting.rfind(' ') + 1;
-    return greeting.substr(begin, greeting.find('\n') - begin);
-  }
-  std::optional<int> end(int signal) {
-    process.signal(signal);
-    return process.wait();
-  }
-
-  static Arguments line(const std::string& name, const Arguments& options) {
-    Arguments words = {kDevices + name};
-    words.insert(words.end(), options.begin(), options.end());
-    return words;
-  }
-
-  Process process;
-};
-
-void replace(std::string& text, const std::string& part, const std::string& by) {
-  const std::size_t at = text.find(part);
-  ASSERT_NE(at, std::string::npos) << part;
-  text.replace(at, part.size(), by);
-}
-
 // Devices that report often, or, when they are silent, within half an hour at the earliest.
 class House : public testing::Test {
  protected:
   void furnish(const std::string& interval) {
-    boiler = std::make_unique<Device>("boiler", Arguments{"--port", "0", "--interval", interval});
-    meter = std::make_unique<Device>(
+    boiler = std::make_unique<SimulatedDevice>("boiler",
+                                               Arguments{"--port", "0", "--interval", interval});
+    meter = std::make_unique<SimulatedDevice>(
         "meter", Arguments{"--link", program.folder / "meter", "--interval", interval});
-    panel = std::make_unique<Device>("panel", Arguments{"--port", "0", "--interval", interval});
+    panel = std::make_unique<SimulatedDevice>("panel",
+                                              Arguments{"--port", "0", "--interval", interval});
     std::string config = contentOf(std::string(kHouse) + "/house.conf");
     replace(config, "port 7001\n", "port " + boiler->place() + "\n");
     replace(config, "tty /tmp/drovane-meter\n", "tty " + meter->place() + "\n");
@@ -89,9 +53,9 @@ class House : public testing::Test {
   }
 
   Program program;
-  std::unique_ptr<Device> boiler;
-  std::unique_ptr<Device> meter;
-  std::unique_ptr<Device> panel;
+  std::unique_ptr<SimulatedDevice> boiler;
+  std::unique_ptr<SimulatedDevice> meter;
+  std::unique_ptr<SimulatedDevice> panel;
   std::unique_ptr<Process> watcher;
 };
 
@@ -155,10 +119,105 @@ TEST_F(House, AMeterThatIsUnpluggedIsNoticed) {
   EXPECT_TRUE(program.running().waitForErrors(" 2 7 meter connection closed by peer :-1\n"));
 }
 
+Finished plug(const std::string& command, const Arguments& arguments) {
+  Arguments line = {std::string(kHouse) + "/" + command};
+  line.insert(line.end(), arguments.begin(), arguments.end());
+  return runToEnd(line);
+}
+
+// Draws the plug of a device or puts it in, and waits until that is done.
+void tell(SimulatedDevice& device, const std::string& name, const std::string& command) {
+  const std::string pid = std::to_string(device.process.pid());
+  const std::string done = command == "plug" ? "plugged in" : "unplugged";
+  const Finished told = plug(command, {name, "--pid", pid});
+  EXPECT_EQ(told.status, 0) << told.errors;
+  EXPECT_EQ(told.output, name + " (process " + pid + "): " + done + "\n");
+  EXPECT_TRUE(device.process.waitForOutput(name + ": " + done));
+}
+
+class HouseRecovers : public House {
+ protected:
+  bool linkIs(bool open) {
+    return eventually([&] {
+      const drovane::Json row = program.statusOf(5);
+      const cJSON* link = cJSON_GetObjectItemCaseSensitive(row.get(), "link_open");
+      return cJSON_IsBool(link) && (cJSON_IsTrue(link) != 0) == open;
+    });
+  }
+  // From here on only what comes next counts.
+  void forgetTheMessages() { seen = watcher->output().size(); }
+  bool showsAnew(const std::string& text) {
+    return eventually([&] { return watcher->output().find(text, seen) != std::string::npos; });
+  }
+  // The temperature reported last, NaN for none.
+  double temperature() {
+    const std::string report = " boiler(5) -> everybody data 5_1_0 = \"";
+    const std::string& all = watcher->output();
+    const std::size_t at = all.rfind(report);
+    return at == std::string::npos || at < seen ? std::nan("")
+                                                : std::stod(all.substr(at + report.size()));
+  }
+
+  std::size_t seen = 0;
+};
+
+TEST_F(HouseRecovers, WhenTheBoilerIsPluggedInAgain) {
+  talkative();
+  const std::string port = boiler->place();
+  tell(*boiler, "boiler", "unplug");
+  EXPECT_TRUE(program.running().waitForErrors(
+      " 2 5 boiler connection closed by peer 127.0.0.1:" + port + "\n"));
+  EXPECT_TRUE(shows(" boiler(5) -> everybody data 5_9_0 = \"DOWN\""));
+  EXPECT_TRUE(linkIs(false));
+  EXPECT_TRUE(
+      program.running().waitForErrors(" 2 5 boiler getsockopt (errno: 111 Connection refused)\n"));
+
+  forgetTheMessages();
+  tell(*boiler, "boiler", "plug");
+  EXPECT_TRUE(showsAnew(" boiler(5) -> everybody data 5_9_0 = \"UP\""));
+  EXPECT_TRUE(linkIs(true));
+  EXPECT_TRUE(showsAnew(" boiler(5) -> everybody data 5_1_0 = \"2"));
+}
+
+// Without power its burner goes out, and nobody tells the thermostat.
+TEST_F(HouseRecovers, ABoilerThatWasHeatingIsAskedToHeatAgain) {
+  talkative();
+  ASSERT_TRUE(shows(" boiler(5) -> everybody data 5_2_0 = \"ON\""));
+  tell(*boiler, "boiler", "unplug");
+  ASSERT_TRUE(shows(" boiler(5) -> everybody data 5_9_0 = \"DOWN\""));
+
+  forgetTheMessages();
+  tell(*boiler, "boiler", "plug");
+  EXPECT_TRUE(showsAnew(" thermostat(6) -> boiler actuator 5_2_0 = \"ON\""));
+  EXPECT_TRUE(showsAnew(" boiler(5) -> everybody data 5_2_0 = \"ON\""));
+  const double cold = temperature();
+  EXPECT_TRUE(eventually([&] { return temperature() > cold + 0.5; }));
+}
+
+TEST_F(HouseRecovers, WhenTheSerialLineIsPluggedInAgain) {
+  silent();
+  tell(*meter, "meter", "unplug");
+  EXPECT_TRUE(shows(" meter(7) -> everybody data 7_9_0 = \"DOWN\""));
+  tell(*meter, "meter", "plug");
+  EXPECT_TRUE(shows(" meter(7) -> everybody data 7_9_0 = \"UP\""));
+  request("7_1_0", "NOW", "meter");
+  EXPECT_TRUE(shows(" meter(7) -> everybody data 7_1_0 = \"1234\""));
+}
+
+TEST_F(HouseRecovers, WhenThePanelIsPluggedInAgain) {
+  silent();
+  tell(*panel, "panel", "unplug");
+  EXPECT_TRUE(shows(" panel(8) -> everybody data 8_9_0 = \"DOWN\""));
+  tell(*panel, "panel", "plug");
+  EXPECT_TRUE(shows(" panel(8) -> everybody data 8_9_0 = \"UP\""));
+  request("8_2_0", "ARM", "panel");
+  EXPECT_TRUE(shows(" panel(8) -> everybody data 8_2_0 = \"ARMED\""));
+}
+
 class EveryDevice : public testing::TestWithParam<const char*> {
  protected:
   Finished run(const Arguments& options) const {
-    return runToEnd(Device::line(GetParam(), options));
+    return runToEnd(SimulatedDevice::line(GetParam(), options));
   }
 };
 INSTANTIATE_TEST_SUITE_P(House, EveryDevice, testing::Values("boiler", "meter", "panel"),
@@ -185,10 +244,121 @@ TEST_P(EveryDevice, RefusesAnIntervalThatIsNone) {
             std::string(GetParam()) + ": --interval soon: expected a number from 0.001 to 3600\n");
 }
 
-TEST(HouseDevice, SaysWhenItsPortIsTaken) {
-  Device first("boiler", {"--port", "0"});
+bool connectsTo(const std::string& port) {
+  return runToEnd({"bash", "-c", ": 3<>/dev/tcp/127.0.0.1/$1", "-", port}).status == 0;
+}
+
+TEST(HouseDevice, ThatIsUnpluggedIsNotThereUntilItIsPluggedIn) {
   for (const char* name : {"boiler", "panel"}) {
-    const Finished second = runToEnd(Device::line(name, {"--port", first.place()}));
+    SimulatedDevice device(name, {"--port", "0"});
+    const std::string port = device.place();
+    EXPECT_TRUE(connectsTo(port));
+    tell(device, name, "unplug");
+    EXPECT_FALSE(connectsTo(port));
+    tell(device, name, "plug");
+    EXPECT_TRUE(connectsTo(port));
+    EXPECT_EQ(device.process.output(), std::string(name) + ": listening on 127.0.0.1 port " + port +
+                                           "\n" + name + ": unplugged\n" + name +
+                                           ": plugged in, listening on 127.0.0.1 port " + port +
+                                           "\n");
+  }
+}
+
+TEST(HouseDevice, TheLineOfAMeterThatIsUnpluggedIsGone) {
+  const TempFolder folder;
+  SimulatedDevice meter("meter", {"--link", folder / "meter"});
+  tell(meter, "meter", "unplug");
+  EXPECT_FALSE(exists(folder / "meter"));
+  tell(meter, "meter", "plug");
+  EXPECT_TRUE(exists(folder / "meter"));
+  EXPECT_EQ(meter.end(SIGTERM), 0);
+  EXPECT_FALSE(exists(folder / "meter"));
+}
+
+TEST(HouseDevice, APlugThatIsInStaysIn) {
+  SimulatedDevice boiler("boiler", {"--port", "0"});
+  boiler.process.signal(SIGUSR2);
+  boiler.process.signal(SIGUSR1);
+  EXPECT_TRUE(boiler.process.waitForOutput("boiler: unplugged\n"));
+  EXPECT_THAT(boiler.process.output(), Not(HasSubstr("plugged in")));
+}
+
+// Boilers under a name that no other process has.
+class Plug : public testing::Test {
+ protected:
+  Plug() { EXPECT_EQ(::symlink(DROVANE_DEVICES "/boiler", (folder / name).c_str()), 0); }
+  std::unique_ptr<Process> boiler() const {
+    auto process =
+        std::make_unique<Process>(Arguments{folder / name, "--port", "0", "--interval", "3600"});
+    EXPECT_TRUE(process->waitForOutput("listening"));
+    return process;
+  }
+
+  const TempFolder folder;
+  const std::string name = "b" + std::to_string(::getpid());
+};
+
+TEST_F(Plug, FindsTheDeviceByItsName) {
+  const auto only = boiler();
+  const std::string which = name + " (process " + std::to_string(only->pid()) + ")";
+  EXPECT_EQ(plug("unplug", {name}).output, which + ": unplugged\n");
+  EXPECT_TRUE(only->waitForOutput("boiler: unplugged\n"));
+  EXPECT_EQ(plug("plug", {name}).output, which + ": plugged in\n");
+  EXPECT_TRUE(only->waitForOutput("boiler: plugged in, "));
+}
+
+TEST_F(Plug, SaysWhenNoSuchDeviceRuns) {
+  const Finished done = plug("unplug", {name});
+  EXPECT_EQ(done.status, 1);
+  EXPECT_EQ(done.errors, "unplug: no simulated " + name + " runs; expected a process named " +
+                             name + ", as script/run starts it\n");
+}
+
+TEST_F(Plug, AsksWhichOneWhenThereAreSeveral) {
+  const auto one = boiler();
+  const auto other = boiler();
+  const Finished done = plug("unplug", {name});
+  EXPECT_EQ(done.status, 1);
+  EXPECT_THAT(done.errors,
+              StartsWith("unplug: several of the name " + name + " run; expected --pid N, "));
+  EXPECT_THAT(done.errors, HasSubstr(std::to_string(one->pid())));
+  EXPECT_THAT(done.errors, HasSubstr(std::to_string(other->pid())));
+  EXPECT_EQ(plug("unplug", {name, "--pid", std::to_string(other->pid())}).status, 0);
+  EXPECT_TRUE(other->waitForOutput("boiler: unplugged\n"));
+  EXPECT_THAT(one->output(), Not(HasSubstr("unplugged")));
+}
+
+// It would die of the signal.
+TEST_F(Plug, LeavesOtherProgramsAlone) {
+  ASSERT_EQ(::symlink("/bin/sleep", (folder / "x" + name).c_str()), 0);
+  const Process other({folder / "x" + name, "60"});
+  const std::string pid = std::to_string(other.pid());
+  const Finished by_name = plug("unplug", {"x" + name});
+  EXPECT_EQ(by_name.status, 1);
+  const Finished by_number = plug("unplug", {"x" + name, "--pid", pid});
+  EXPECT_EQ(by_number.status, 1);
+  EXPECT_EQ(by_number.errors, "unplug: process " + pid + " is no simulated x" + name + "\n");
+}
+
+TEST_F(Plug, ExplainsItself) {
+  for (const char* command : {"plug", "unplug"}) {
+    const Finished done = plug(command, {"--help"});
+    EXPECT_EQ(done.status, 0);
+    EXPECT_THAT(done.output, StartsWith("Usage: examples/house/unplug DEVICE [--pid N]\n"));
+    EXPECT_THAT(done.output, HasSubstr(std::string("\nExample: examples/house/") + command + " "));
+  }
+}
+
+TEST_F(Plug, RefusesWhatItDoesNotKnow) {
+  for (const Arguments& line :
+       {Arguments{}, {"boiler", "meter"}, {"boiler", "--now"}, {"boiler", "--pid", "x"}})
+    EXPECT_EQ(plug("unplug", line).status, 2);
+}
+
+TEST(HouseDevice, SaysWhenItsPortIsTaken) {
+  SimulatedDevice first("boiler", {"--port", "0"});
+  for (const char* name : {"boiler", "panel"}) {
+    const Finished second = runToEnd(SimulatedDevice::line(name, {"--port", first.place()}));
     EXPECT_EQ(second.status, 1);
     EXPECT_EQ(second.errors, std::string(name) + ": 127.0.0.1 port " + first.place() +
                                  ": Address already in use\n");
@@ -198,13 +368,13 @@ TEST(HouseDevice, SaysWhenItsPortIsTaken) {
 TEST(HouseDevice, EndsInGoodOrder) {
   for (const int signal : {SIGINT, SIGTERM})
     for (const char* name : {"boiler", "panel"})
-      EXPECT_EQ(Device(name, {"--port", "0"}).end(signal), 0) << name;
+      EXPECT_EQ(SimulatedDevice(name, {"--port", "0"}).end(signal), 0) << name;
 }
 
 TEST(HouseDevice, TheMeterTakesItsLinkAwayAtTheEnd) {
   const TempFolder folder;
   for (const int signal : {SIGINT, SIGTERM}) {
-    Device meter("meter", {"--link", folder / "meter"});
+    SimulatedDevice meter("meter", {"--link", folder / "meter"});
     EXPECT_TRUE(exists(folder / "meter"));
     EXPECT_EQ(meter.end(signal), 0);
     EXPECT_FALSE(exists(folder / "meter"));
@@ -214,14 +384,14 @@ TEST(HouseDevice, TheMeterTakesItsLinkAwayAtTheEnd) {
 TEST(HouseDevice, TheMeterReplacesALinkThatLeadsNowhere) {
   const TempFolder folder;
   ASSERT_EQ(::symlink((folder / "gone").c_str(), (folder / "meter").c_str()), 0);
-  Device meter("meter", {"--link", folder / "meter"});
+  SimulatedDevice meter("meter", {"--link", folder / "meter"});
   EXPECT_EQ(meter.end(SIGTERM), 0);
 }
 
 TEST(HouseDevice, TheMeterLeavesAnythingElseAlone) {
   const TempFolder folder;
   folder.write("meter", "mine");
-  const Finished done = runToEnd(Device::line("meter", {"--link", folder / "meter"}));
+  const Finished done = runToEnd(SimulatedDevice::line("meter", {"--link", folder / "meter"}));
   EXPECT_EQ(done.status, 1);
   EXPECT_EQ(done.errors, "meter: " + (folder / "meter") + ": File exists\n");
   EXPECT_EQ(folder.read("meter"), "mine");
@@ -233,7 +403,7 @@ Finished handshake(const std::string& version, const std::string& port) {
 }
 
 TEST(HouseDevice, ThePanelSpeaksTls10AndNothingNewer) {
-  Device panel("panel", {"--port", "0"});
+  SimulatedDevice panel("panel", {"--port", "0"});
   const Finished old = handshake("-tls1", panel.place());
   EXPECT_THAT(old.output, HasSubstr("Protocol  : TLSv1\n"));
   EXPECT_THAT(old.output, HasSubstr("subject=CN = alarm panel\n"));
@@ -245,7 +415,7 @@ TEST(HouseDevice, ThePanelSpeaksTls10AndNothingNewer) {
 
 // What is no TLS ends that client's connection, and no other's.
 TEST(HouseDevice, ThePanelSurvivesAClientThatDoesNotSpeakTls) {
-  Device panel("panel", {"--port", "0"});
+  SimulatedDevice panel("panel", {"--port", "0"});
   const Finished plain = runToEnd(
       {"bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/$1; echo ARM THE PANEL >&3; cat <&3 >/dev/null",
        "-", panel.place()});

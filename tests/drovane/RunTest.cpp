@@ -164,7 +164,8 @@ TEST(Run, ARovikWhoseDeviceKeepsItWaitingIsOvertakenByTheNext) {
   const Finished refused = program.ask({"cmd", "stuck", "say", "alive"});
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.errors, HasSubstr("rovik 7 stuck is starting"));
-  EXPECT_THAT(program.ask({"status"}).output, HasSubstr("stuck               hangs          starts"));
+  EXPECT_THAT(program.ask({"status"}).output,
+              HasSubstr("stuck               hangs          starts"));
 }
 
 TEST(Run, SecondInterruptWhileStoppingEndsItAtOnce) {

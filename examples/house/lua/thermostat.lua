@@ -3,6 +3,7 @@
 
 local TEMPERATURE = "5_1_0" -- what the boiler reports, see house.conf
 local BURNER = "5_2_0"      -- what it is asked for, and reports as its answer
+local LINK = "5_9_0"        -- whether it can be reached
 local ON_BELOW = 20.5       -- degrees; two limits, so that it does not switch to and fro
 local OFF_ABOVE = 21.5
 
@@ -29,6 +30,8 @@ end
 
 function ROVIK_RCV(msg)
   if msg.type == "MM_DATA" and msg.key == BURNER then burner = msg.value end
+  -- A boiler that was away may have lost its power: nothing is known of its burner.
+  if msg.type == "MM_DATA" and msg.key == LINK then burner = nil end
   if msg.type == "MM_DATA" and msg.key == TEMPERATURE then
     local temperature = tonumber(msg.value)
     if temperature then control(temperature) end

@@ -29,12 +29,37 @@ class WrongUsage : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-sigset_t endings() {
+sigset_t expectedSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
+  for (const int each : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&signals, each);
   return signals;
+}
+
+std::string placeOf(std::uint16_t port) { return "127.0.0.1 port " + std::to_string(port); }
+
+struct Listener {
+  Descriptor socket;
+  std::uint16_t port;
+};
+
+// Port 0 takes any free one.
+Listener listenOn(std::uint16_t port) {
+  Descriptor socket(
+      checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket"));
+  const int on = 1;
+  checked(setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), "setsockopt");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const any = reinterpret_cast<sockaddr*>(&address);
+  const std::string where = placeOf(port);
+  checked(bind(socket.get(), any, size), where.c_str());
+  checked(listen(socket.get(), 16), where.c_str());
+  checked(getsockname(socket.get(), any, &size), "getsockname");
+  return {std::move(socket), ntohs(address.sin_port)};
 }
 
 timespec span(double seconds) {
@@ -69,27 +94,24 @@ bool PlainConnection::send(const std::string& text) {
   return write(stream.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-Listener listenOn(std::uint16_t port) {
-  Descriptor socket(
-      checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket"));
-  const int on = 1;
-  checked(setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), "setsockopt");
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* const any = reinterpret_cast<sockaddr*>(&address);
-  const std::string where = "127.0.0.1 port " + std::to_string(port);
-  checked(bind(socket.get(), any, size), where.c_str());
-  checked(listen(socket.get(), 16), where.c_str());
-  checked(getsockname(socket.get(), any, &size), "getsockname");
-  return {std::move(socket), ntohs(address.sin_port)};
+std::unique_ptr<Connection> plainly(Descriptor socket) {
+  return std::make_unique<PlainConnection>(std::move(socket));
 }
 
-Simulation::Simulation(Device& its_device, double its_interval)
-    : device(its_device),
+Simulation::PlugIn atPort(std::uint16_t port, Simulation::Welcome welcome) {
+  return [port, welcome](Simulation& simulation) mutable {
+    Listener listener = listenOn(port);
+    port = listener.port;
+    simulation.accept(std::move(listener.socket), welcome);
+    return placeOf(port);
+  };
+}
+
+Simulation::Simulation(std::string its_name, Device& its_device, double its_interval, PlugIn how)
+    : name(std::move(its_name)),
+      device(its_device),
       interval(its_interval),
+      plug_in(std::move(how)),
       timer(
           checked(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timerfd_create")) {
   restart();
@@ -119,39 +141,72 @@ void Simulation::reportToAll() {
   std::uint64_t times = 0;
   if (read(timer.get(), &times, sizeof times) != sizeof times) return;
   const std::string text = device.report(interval * static_cast<double>(times));
+  if (text.empty()) return;
   std::erase_if(clients, [&](const Client& client) { return !client.connection->send(text); });
 }
 
 // Takes what the client has sent and answers every complete line. False when the client is gone.
 bool Simulation::serve(Client& client) {
   if (!client.connection->receive(client.line)) return false;
-  for (std::size_t end; (end = client.line.find('\n')) != std::string::npos;) {
-    std::string request = client.line.substr(0, end);
+  for (std::size_t end; (end = client.line.find_first_of("\r\n")) != std::string::npos;) {
+    const std::string request = client.line.substr(0, end);
     client.line.erase(0, end + 1);
-    if (!request.empty() && request.back() == '\r') request.pop_back();
-    if (!client.connection->send(device.answer(request))) return false;
+    if (request.empty()) continue;
+    const std::string text = device.answer(request);
+    if (!text.empty() && !client.connection->send(text)) return false;
   }
   if (client.line.size() > kLongestRequest) client.line.clear();
   return true;
 }
 
+void Simulation::putIn(const std::string& what) {
+  if (plugged) return;
+  announce(name + ": " + what + plug_in(*this));
+  plugged = true;
+}
+
+void Simulation::pullOut() {
+  if (!plugged) return;
+  plugged = false;
+  clients.clear();
+  listener = Descriptor();
+  device.losePower();
+  announce(name + ": unplugged");
+}
+
+// Does what the next signal asks for. False when that is to end.
+bool Simulation::obey(int signals) {
+  signalfd_siginfo signal{};
+  if (::read(signals, &signal, sizeof signal) != sizeof signal) return true;
+  if (signal.ssi_signo == SIGUSR1) {
+    pullOut();
+  } else if (signal.ssi_signo == SIGUSR2) {
+    putIn("plugged in, listening on ");
+  } else {
+    return false;
+  }
+  return true;
+}
+
 void Simulation::run() {
-  const sigset_t signals = endings();
-  const Descriptor ending(checked(signalfd(-1, &signals, SFD_CLOEXEC), "signalfd"));
+  const sigset_t expected = expectedSignals();
+  const Descriptor signals(checked(signalfd(-1, &expected, SFD_CLOEXEC), "signalfd"));
+  putIn("listening on ");
   for (;;) {
     // poll(2) passes over the listener of a device that has none.
     std::vector<pollfd> waits{
-        {ending.get(), POLLIN, 0}, {timer.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}};
+        {signals.get(), POLLIN, 0}, {timer.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}};
     for (const Client& client : clients)
       waits.push_back({client.connection->descriptor(), POLLIN, 0});
     checked(poll(waits.data(), waits.size(), -1), "poll");
 
-    if (waits[0].revents != 0) return;
     auto wait = waits.begin() + 3;
     std::erase_if(clients,
                   [&](Client& client) { return (wait++)->revents != 0 && !serve(client); });
     if (waits[1].revents != 0) reportToAll();
     if (waits[2].revents != 0) acceptOne();
+    // Last, for it changes what there was to wait for.
+    if (waits[0].revents != 0 && !obey(signals.get())) return;
   }
 }
 
@@ -186,8 +241,8 @@ double Options::number(const std::string& name, double lowest, double highest) c
 
 int run(const char* help, Options options, int argc, char** argv,
         void (*simulate)(const Options& options)) {
-  // Asked to end, the program does so where it waits, not inside what it does.
-  const sigset_t signals = endings();
+  // A signal is obeyed where the program waits, not inside what it does.
+  const sigset_t signals = expectedSignals();
   sigprocmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
   const int over = options.read(argc, argv, help);

@@ -1,4 +1,4 @@
-// What the simulated devices of the example house have in common: a command line, clients that are
+// What the simulated devices of the examples have in common: a command line, clients that are
 // served line by line, a steady report to all of them, and an orderly end.
 //
 // A simulator is one thread. It fails by an exception, which ends the program with its text.
@@ -43,8 +43,10 @@ class Device {
   virtual ~Device() = default;
   // What it tells all clients now, `seconds` after the last time: complete lines, or nothing.
   virtual std::string report(double seconds) = 0;
-  // What it answers to a line of a client, which comes without its end: complete lines.
+  // What it answers to a line of a client, which comes without its end: complete lines, or nothing.
   virtual std::string answer(const std::string& request) = 0;
+  // It has lost its power, and with it what it does not keep.
+  virtual void losePower() {}
 };
 
 // The way to one client. Neither function waits.
@@ -71,26 +73,26 @@ class PlainConnection : public Connection {
   Descriptor stream;
 };
 
-struct Listener {
-  Descriptor socket;
-  std::uint16_t port;
-};
+std::unique_ptr<Connection> plainly(Descriptor socket);
 
-// A TCP socket on 127.0.0.1; port 0 takes any free one.
-Listener listenOn(std::uint16_t port);
-
-// Connects a device with its clients.
+// Connects a device with its clients. What they send ends its lines in CR, LF or both; an empty
+// line is none.
 class Simulation {
  public:
   using Welcome = std::function<std::unique_ptr<Connection>(Descriptor socket)>;
+  // Makes the device reachable, by add or accept; called each time that it is plugged in. The
+  // result tells people where it is found.
+  using PlugIn = std::function<std::string(Simulation& simulation)>;
 
   // The device reports every `interval` seconds, for the first time after half of that.
-  Simulation(Device& its_device, double its_interval);
+  Simulation(std::string its_name, Device& its_device, double its_interval, PlugIn how);
 
   void add(std::unique_ptr<Connection> connection);
   // Whoever connects to the socket becomes a client, over what `welcome` makes of it.
-  void accept(Descriptor socket, Welcome welcome);
-  // Serves until SIGINT or SIGTERM.
+  void accept(Descriptor socket, Welcome its_welcome);
+  // Plugs the device in and serves until SIGINT or SIGTERM. SIGUSR1 draws the plug: every client is
+  // cut off and nothing is there to connect to, while time goes on for the device. SIGUSR2 plugs it
+  // in again, in the same place.
   void run();
 
  private:
@@ -100,17 +102,26 @@ class Simulation {
   };
 
   void restart();
+  void putIn(const std::string& what);
+  void pullOut();
+  bool obey(int signals);
   void acceptOne();
   void reportToAll();
   bool serve(Client& client);
 
+  const std::string name;
   Device& device;
   const double interval;
+  const PlugIn plug_in;
   const Descriptor timer;
+  bool plugged = false;
   Descriptor listener;
   Welcome welcome;
   std::vector<Client> clients;
 };
+
+// A TCP port of 127.0.0.1. For port 0 the system picks a free one, which is kept from then on.
+Simulation::PlugIn atPort(std::uint16_t port, Simulation::Welcome welcome = plainly);
 
 // The command line: any of "--NAME VALUE".
 class Options {
