@@ -1,5 +1,6 @@
 -- Looks after the link of the rovik that runs it: tells the house when it is lost and when it is
--- back, and tries again every 2 seconds while it is down ("reconnect on" alone takes up to 30, as does the first try after a start).
+-- back, and tries again every 2 seconds once it is down. ("reconnect on" alone takes up to 30, as
+-- does the first try after a start.)
 
 local LINK = network_id .. "_9_0"  -- UP or DOWN
 local RETRY = 2000000              -- microseconds
