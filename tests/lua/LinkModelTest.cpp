@@ -9,6 +9,7 @@
 
 #include <array>
 #include <functional>
+#include <numeric>
 #include <random>
 #include <set>
 #include <utility>
@@ -83,6 +84,7 @@ struct Model {
   bool persistent = false;
   bool reconnect = false;
   bool echo = false;
+  bool raw = false;
   std::set<std::string> writing;  // the events from which the script writes
   bool open = false;
   std::string trace;
@@ -92,7 +94,7 @@ struct Model {
     trace += what + detail + " ";
     if (depth == kDepth || writing.count(what) == 0) return;
     ++depth;
-    send("w\n");
+    send("w");
     --depth;
   }
 
@@ -116,17 +118,19 @@ struct Model {
   }
 
   // A link that the script took away while it was being opened cannot be written to.
-  void send(const std::string& line) {
+  void send(const std::string& word) {
     if (!openLink() || !open) return;
     if (left && told_off) return closeLink();
     told_off = left;
-    if (!left) heard += line;
+    if (!left) heard += raw ? word : word + "\n";
     if (!persistent) closeLink();
-    if (echo) event("io", line.substr(0, line.size() - 1));
+    if (echo) event("io", word);
   }
 
+  // Raw, what comes in one read is one unit.
   void receive(const std::vector<std::string>& lines) {
     const int before = epoch;
+    if (raw) return event("io", std::accumulate(lines.begin(), lines.end(), std::string()));
     for (const std::string& line : lines)
       if (epoch == before) event("io", line);
   }
@@ -140,7 +144,7 @@ struct Model {
 
   void request(const std::string& value) {
     event("message");
-    send(value + "\n");
+    send(value);
   }
 
   void tick() {
@@ -168,7 +172,7 @@ const char kScript[] = R"(
   end
   function ROVIK_RCVOPEN() on("open") end
   function ROVIK_RCVCLOSE() on("close") end
-  function ROVIK_RCVIO(text) on("io", (text:gsub("\\n", ""))) end
+  function ROVIK_RCVIO(text) on("io", (text:gsub("\\n", ""):gsub("\n", ""))) end
   function ROVIK_RCV() on("message") end
   function ROVIK_PERIODIC() on("tick") end
 )";
@@ -259,8 +263,10 @@ class LinkModel : public ScriptTest, public testing::WithParamInterface<unsigned
       const struct {
         const char* command;
         bool& setting;
-      } kSettings[] = {
-          {"persist", model.persistent}, {"reconnect", model.reconnect}, {"echo", model.echo}};
+      } kSettings[] = {{"persist", model.persistent},
+                       {"reconnect", model.reconnect},
+                       {"echo", model.echo},
+                       {"raw", model.raw}};
       const auto& chosen = kSettings[random() % std::size(kSettings)];
       toggle(chosen.command, chosen.setting);
     } else {
