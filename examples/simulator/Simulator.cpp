@@ -38,13 +38,8 @@ sigset_t expectedSignals() {
 
 std::string placeOf(std::uint16_t port) { return "127.0.0.1 port " + std::to_string(port); }
 
-struct Listener {
-  Descriptor socket;
-  std::uint16_t port;
-};
-
-// Port 0 takes any free one.
-Listener listenOn(std::uint16_t port) {
+// A socket that has a TCP port of 127.0.0.1; port 0 takes any free one.
+Descriptor boundTo(std::uint16_t port) {
   Descriptor socket(
       checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket"));
   const int on = 1;
@@ -53,13 +48,16 @@ Listener listenOn(std::uint16_t port) {
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  checked(bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address),
+          placeOf(port).c_str());
+  return socket;
+}
+
+std::uint16_t portOf(const Descriptor& socket) {
+  sockaddr_in address{};
   socklen_t size = sizeof address;
-  auto* const any = reinterpret_cast<sockaddr*>(&address);
-  const std::string where = placeOf(port);
-  checked(bind(socket.get(), any, size), where.c_str());
-  checked(listen(socket.get(), 16), where.c_str());
-  checked(getsockname(socket.get(), any, &size), "getsockname");
-  return {std::move(socket), ntohs(address.sin_port)};
+  checked(getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size), "getsockname");
+  return ntohs(address.sin_port);
 }
 
 timespec span(double seconds) {
@@ -98,12 +96,15 @@ std::unique_ptr<Connection> plainly(Descriptor socket) {
   return std::make_unique<PlainConnection>(std::move(socket));
 }
 
+// A socket that never listens holds the port, so that nobody else gets it while the plug is drawn.
 Simulation::PlugIn atPort(std::uint16_t port, Simulation::Welcome welcome) {
-  return [port, welcome](Simulation& simulation) mutable {
-    Listener listener = listenOn(port);
-    port = listener.port;
-    simulation.accept(std::move(listener.socket), welcome);
-    return placeOf(port);
+  const auto place = std::make_shared<const Descriptor>(boundTo(port));
+  return [place, welcome = std::move(welcome)](Simulation& simulation) {
+    const std::uint16_t held = portOf(*place);
+    Descriptor listener = boundTo(held);
+    checked(listen(listener.get(), 16), placeOf(held).c_str());
+    simulation.accept(std::move(listener), welcome);
+    return placeOf(held);
   };
 }
 

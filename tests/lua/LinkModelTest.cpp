@@ -22,26 +22,32 @@ namespace {
 
 using drovane::Descriptor;
 
-// A TCP server on one port that comes and goes, takes every link and keeps what it has read.
+// A TCP server on one port that comes and goes, takes every link and keeps what it has read. It has
+// an address of its own, so that nobody else gets the port while it is away.
 class Device {
  public:
   Device() { plugIn(); }
   int port() const { return listen_port; }
+  std::string address() const {
+    const auto process = static_cast<unsigned int>(getpid());
+    return "127." + std::to_string(1 + (process >> 16 & 0x7f)) + '.' +
+           std::to_string(process >> 8 & 0xff) + '.' + std::to_string(process & 0xff);
+  }
 
   void plugIn() {
     listener.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
     setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(listen_port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* const any = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
+    sockaddr_in place{};
+    place.sin_family = AF_INET;
+    place.sin_port = htons(static_cast<std::uint16_t>(listen_port));
+    place.sin_addr.s_addr = inet_addr(address().c_str());
+    auto* const any = reinterpret_cast<sockaddr*>(&place);
+    socklen_t size = sizeof place;
     ASSERT_EQ(0, ::bind(listener.get(), any, size));
     ASSERT_EQ(0, ::listen(listener.get(), 64));
     ASSERT_EQ(0, getsockname(listener.get(), any, &size));
-    listen_port = ntohs(address.sin_port);
+    listen_port = ntohs(place.sin_port);
   }
   void unplug() { listener.reset(); }
 
@@ -181,7 +187,7 @@ class LinkModel : public ScriptTest, public testing::WithParamInterface<unsigned
  protected:
   LinkModel() {
     script(kScript);
-    net->command({"host", "127.0.0.1"});
+    net->command({"host", device.address()});
     net->command({"port", std::to_string(device.port())});
     net->command({"chopeol", "on"});
     net->command({"addeol", "on"});
