@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <fstream>
 
 #include "RunningProgram.h"
 #include "SimulatedDevice.h"
@@ -275,9 +276,19 @@ TEST(HouseDevice, TheLineOfAMeterThatIsUnpluggedIsGone) {
   EXPECT_FALSE(exists(folder / "meter"));
 }
 
+// Whether the process has taken every signal that it was sent.
+bool hasNoSignalWaiting(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("ShdPnd:")) return line.find_first_not_of("\t0", 7) == std::string::npos;
+  return false;
+}
+
+// The second signal has the lower number: if both waited, it would be the first to be taken.
 TEST(HouseDevice, APlugThatIsInStaysIn) {
   SimulatedDevice boiler("boiler", {"--port", "0"});
   boiler.process.signal(SIGUSR2);
+  ASSERT_TRUE(eventually([&] { return hasNoSignalWaiting(boiler.process.pid()); }));
   boiler.process.signal(SIGUSR1);
   EXPECT_TRUE(boiler.process.waitForOutput("boiler: unplugged\n"));
   EXPECT_THAT(boiler.process.output(), Not(HasSubstr("plugged in")));
