@@ -9,13 +9,13 @@
 // differ. The device takes any free port, and is in more of a hurry than the one of the page.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <re2/re2.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "SimulatedDevice.h"
@@ -44,13 +44,14 @@ Texts linesOf(const std::string& text) {
 Texts page() { return linesOf(contentOf(DROVANE_SOURCE_DIR "/docs/tutorial.md")); }
 
 std::vector<Block> blocks() {
-  static const std::regex kMark("<!-- (file|terminal): (.*) -->");
+  static const RE2 kMark("<!-- (file|terminal): (.*) -->");
   const Texts lines = page();
   std::vector<Block> all;
   for (std::size_t at = 0; at < lines.size(); ++at) {
-    std::smatch mark;
-    if (!std::regex_match(lines[at], mark, kMark)) continue;
-    Block block{mark[1] == "file", mark[2], at + 1, {}};
+    std::string kind;
+    std::string name;
+    if (!RE2::FullMatch(lines[at], kMark, &kind, &name)) continue;
+    Block block{kind == "file", name, at + 1, {}};
     EXPECT_TRUE(lines.at(++at).starts_with("```")) << "line " << at;
     while (lines.at(++at) != "```") block.content.push_back(lines[at]);
     all.push_back(block);
@@ -60,14 +61,18 @@ std::vector<Block> blocks() {
 
 // A line without what differs from run to run.
 std::string lasting(const std::string& line) {
-  static const std::vector<std::pair<std::regex, std::string>> kPassing = {
-      {std::regex(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d )"), "DATE "},
-      {std::regex(R"(^\d\d:\d\d:\d\d\.\d{3} )"), "TIME "},
-      {std::regex(R"((T=|5_1_0 = ")-?\d+\.\d)"), "$1DEGREES"},
-      {std::regex(R"(pid \d+   up \d\d:\d\d:\d\d)"), "pid NUMBER   up TIME"},
-      {std::regex(R"(( (open|closed)  )( +\d+){4}$)"), "$1 COUNTERS"}};
+  static const struct {
+    RE2 passing;
+    const char* name;
+  } kRows[] = {
+      {R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d )", "DATE "},
+      {R"(^\d\d:\d\d:\d\d\.\d{3} )", "TIME "},
+      {R"((T=|5_1_0 = ")-?\d+\.\d)", R"(\1DEGREES)"},
+      {R"(pid \d+   up \d\d:\d\d:\d\d)", "pid NUMBER   up TIME"},
+      {R"(( (open|closed)  )( +\d+){4}$)", R"(\1 COUNTERS)"},
+  };
   std::string text = line;
-  for (const auto& [passing, name] : kPassing) text = std::regex_replace(text, passing, name);
+  for (const auto& row : kRows) RE2::GlobalReplace(&text, row.passing, row.name);
   return text;
 }
 
