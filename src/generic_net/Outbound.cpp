@@ -1,8 +1,5 @@
 // Where a line goes out: selectMM turns requests into text for the peer, sndData writes it; and the
 // work of the timer.
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>

@@ -1,7 +1,9 @@
 #include "RunningProgram.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <chrono>
 #include <sstream>
 
 Arguments Program::runLine(const Arguments& options) const {
@@ -20,6 +22,14 @@ Process& Program::startReady(const std::string& config, const Arguments& options
   start(config, options);
   EXPECT_TRUE(process->waitForErrors(" roviks\n")) << process->errors();
   return *process;
+}
+
+void Program::expectEndsInTime() {
+  const auto before = std::chrono::steady_clock::now();
+  process->signal(SIGTERM);
+  EXPECT_EQ(process->wait(), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(6));
+  EXPECT_EQ(process->errors().find("did not end in time"), std::string::npos) << process->errors();
 }
 
 Finished Program::ask(const Arguments& arguments) const {

@@ -23,6 +23,9 @@ class Program {
   // The same, and waits until every rovik runs.
   Process& startReady(const std::string& config, const Arguments& options = {});
   Process& running() { return *process; }
+  // Asks it to end. It is gone with status 0, and no rovik was left behind, within 5 seconds and
+  // one more for a slow machine.
+  void expectEndsInTime();
   // Where the configuration is.
   std::string file() const { return folder / "house.conf"; }
 

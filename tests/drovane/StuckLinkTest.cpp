@@ -1,7 +1,6 @@
 // Peers that leave a rovik waiting in the middle of something: the program ends in spite of them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <chrono>
 #include <filesystem>
@@ -38,15 +37,6 @@ class StuckLink : public testing::Test {
     EXPECT_EQ(program.ask({"send", "1_1_1", "int", "1", "--to", "net"}).status, 0);
   }
 
-  // Gone with status 0 within 5 seconds, of which one is for a slow machine.
-  void expectEndsInTime() {
-    const auto before = steady_clock::now();
-    program.running().signal(SIGTERM);
-    EXPECT_EQ(program.running().wait(), 0);
-    EXPECT_LT(steady_clock::now() - before, std::chrono::seconds(6));
-    EXPECT_THAT(program.running().errors(), Not(HasSubstr("did not end in time")));
-  }
-
   // Waits until the program has had nothing to log for a while: its only rovik is stuck.
   bool fallsSilent() {
     std::size_t size = 0;
@@ -67,7 +57,7 @@ TEST_F(StuckLink, HandshakeOfAConfiguredOpenThatIsNeverAnswered) {
   program.start(house("ssl", peer.port(), "", "  open\n"));
   peer.accept();
   ASSERT_EQ("\x16", peer.receive(1));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 TEST_F(StuckLink, HandshakeOfAReconnectThatIsNeverAnswered) {
@@ -76,7 +66,7 @@ TEST_F(StuckLink, HandshakeOfAReconnectThatIsNeverAnswered) {
   tick();
   peer.accept();
   ASSERT_EQ("\x16", peer.receive(1));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 TEST_F(StuckLink, HandshakeOfACommandThatIsNeverAnswered) {
@@ -85,7 +75,7 @@ TEST_F(StuckLink, HandshakeOfACommandThatIsNeverAnswered) {
   Process asking({DROVANE_PROGRAM, "cmd", "net", "open"}, {{"DROVANE_CONTROL", program.control}});
   peer.accept();
   ASSERT_EQ("\x16", peer.receive(1));
-  expectEndsInTime();
+  program.expectEndsInTime();
   EXPECT_NE(asking.wait(), 0);
 }
 
@@ -98,7 +88,7 @@ TEST_F(StuckLink, HalfARecord) {
   peer.link().send(records + peer.seal("another\n").substr(0, 40));
   ASSERT_TRUE(program.running().waitForErrors("MM_DATA 5_0_0 = {a line\\n}\n"));
   EXPECT_EQ(program.ask({"cmd", "net", "raw", "off"}).output, "OK\n");
-  expectEndsInTime();
+  program.expectEndsInTime();
   EXPECT_THAT(program.running().errors(), Not(HasSubstr("closed by peer")));
 }
 
@@ -118,7 +108,7 @@ TEST_F(StuckLink, TcpPeerThatDoesNotRead) {
   ASSERT_TRUE(program.running().waitForErrors("IO data from lua script\n"));
   ASSERT_TRUE(fallsSilent());
   EXPECT_THAT(program.running().errors(), Not(HasSubstr("all is written")));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 TEST_F(StuckLink, TlsPeerThatDoesNotRead) {
@@ -130,7 +120,7 @@ TEST_F(StuckLink, TlsPeerThatDoesNotRead) {
   ASSERT_TRUE(program.running().waitForErrors("SSL_write\n"));
   ASSERT_TRUE(fallsSilent());
   EXPECT_THAT(program.running().errors(), Not(HasSubstr("all is written")));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 }  // namespace

@@ -1,19 +1,12 @@
 // Ends of a program whose roviks wait for one thing after another.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 
-#include <chrono>
 #include <filesystem>
 
 #include "RunningProgram.h"
 #include "support/PeerTcp.h"
 
 namespace {
-
-using std::chrono::steady_clock;
-using testing::HasSubstr;
-using testing::Not;
 
 class WaitAfterWait : public testing::Test {
  protected:
@@ -30,14 +23,6 @@ class WaitAfterWait : public testing::Test {
     EXPECT_EQ(program.ask({"send", "1_1_1", "int", "1", "--to", "net"}).status, 0);
   }
 
-  void expectEndsInTime() {
-    const auto before = steady_clock::now();
-    program.running().signal(SIGTERM);
-    EXPECT_EQ(program.running().wait(), 0);
-    EXPECT_LT(steady_clock::now() - before, std::chrono::seconds(6));
-    EXPECT_THAT(program.running().errors(), Not(HasSubstr("did not end in time")));
-  }
-
   Program program;
 };
 
@@ -52,7 +37,7 @@ TEST_F(WaitAfterWait, HandshakeOfAReconnectAndThenOfAWrite) {
   tick();
   peer.accept();
   ASSERT_EQ("\x16", peer.receive(1));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 TEST_F(WaitAfterWait, ConnectionsToAPortThatDoesNotAnswer) {
@@ -62,7 +47,7 @@ TEST_F(WaitAfterWait, ConnectionsToAPortThatDoesNotAnswer) {
                               "function ROVIK_PERIODIC() for i = 1, 20 do sndIO('x') end end\n"));
   tick();
   ASSERT_TRUE(program.running().waitForErrors("opening TCP socket\n"));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 TEST_F(WaitAfterWait, RequestsOfAScriptThatIsBeingOpened) {
@@ -74,7 +59,7 @@ TEST_F(WaitAfterWait, RequestsOfAScriptThatIsBeingOpened) {
                      "end\n") +
                 "rovik 6 mute hangs\n");
   ASSERT_TRUE(program.running().waitForErrors("asks"));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 TEST_F(WaitAfterWait, RequestsOfAScriptThatTicks) {
@@ -86,7 +71,7 @@ TEST_F(WaitAfterWait, RequestsOfAScriptThatTicks) {
                      "rovik 6 mute hangs\n");
   tick();
   ASSERT_TRUE(program.running().waitForErrors("asks"));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 TEST_F(WaitAfterWait, StrictStartIsRefusedWhileAnotherRovikIsStuck) {
@@ -105,7 +90,7 @@ TEST_F(WaitAfterWait, HandshakeOfAFinalizer) {
   TcpPeer peer;
   program.startReady(
       link("ssl", peer.port(), "keep = setmetatable({}, {__gc = function() sndIO('bye') end})\n"));
-  expectEndsInTime();
+  program.expectEndsInTime();
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/select.h>
 
 #include <array>
 
 #include "framework/Descriptor.h"
+#include "support/DescriptorLimits.h"
 
 namespace {
 
@@ -58,26 +58,9 @@ TEST(DescriptorTest, ReleaseGivesItAway) {
   EXPECT_EQ(close(number), 0);
 }
 
-// The limit of open descriptors while a test needs another one.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(rlim_t wanted) {
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit now{wanted, before.rlim_max};
-    set = setrlimit(RLIMIT_NOFILE, &now) == 0;
-  }
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
-  DescriptorLimit(const DescriptorLimit&) = delete;
-  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-  bool set = false;
-
- private:
-  rlimit before{};
-};
-
 TEST(DescriptorTest, MovesAboveTheNumbersOfLinks) {
   const DescriptorLimit limit(FD_SETSIZE + 64);
-  if (!limit.set) GTEST_SKIP() << "the hard limit of descriptors is too low";
+  if (!limit.isSet()) GTEST_SKIP() << "the hard limit of descriptors is too low";
   const int low = opened();
   const Descriptor high = moveAboveLinks(Descriptor(low));
   EXPECT_GE(high.get(), FD_SETSIZE);
@@ -87,7 +70,7 @@ TEST(DescriptorTest, MovesAboveTheNumbersOfLinks) {
 
 TEST(DescriptorTest, StaysWhereTheLimitAllowsNothingElse) {
   const DescriptorLimit limit(FD_SETSIZE);
-  ASSERT_TRUE(limit.set);
+  ASSERT_TRUE(limit.isSet());
   const int low = opened();
   const Descriptor same = moveAboveLinks(Descriptor(low));
   EXPECT_EQ(same.get(), low);
