@@ -176,6 +176,14 @@ TEST_F(Framing, RawTakesPrecedenceOverEolclose) {
   EXPECT_EQ(Values{}, unitsAtEnd());
 }
 
+TEST_F(Framing, WhatWaitedBeforeRawIsDeliveredAtTheFarewellWithEolclose) {
+  unitsOf("half");
+  net->command({"raw", "on"});
+  net->command({"eolclose", "on"});
+  peer.close();
+  EXPECT_EQ(Values{"half"}, unitsAtEnd());
+}
+
 TEST_F(Framing, RawHandsOverWhatWaitedBefore) {
   unitsOf("half ");
   net->command({"raw", "on"});

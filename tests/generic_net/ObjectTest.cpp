@@ -69,6 +69,12 @@ TEST_F(Object, NumbersOfTheEnumerationsAreFixed) {
   EXPECT_EQ(6U, sizeof net->wol_mac);
 }
 
+TEST_F(Object, EnumerationsHave32Bits) {
+  EXPECT_EQ(4U, sizeof(ComMode));
+  EXPECT_EQ(4U, sizeof(TtyMode));
+  EXPECT_EQ(4U, sizeof(FclMode));
+}
+
 TEST_F(Object, RuleTypeIsARequestForExactlyThatText) {
   using Rule = GenericNet::RegexRule;
   EXPECT_EQ(MM_ACTUATOR_REQUEST, Rule("k", "r", "o", "MM_ACTUATOR_REQUEST").type);

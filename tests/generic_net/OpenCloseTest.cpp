@@ -1,13 +1,18 @@
 // The link over TCP: how it opens and closes, and what a failure reports.
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
+#include <thread>
 
 #include "CallFaults.h"
 #include "NetTest.h"
+#include "framework/RovikHost.h"
 #include "support/DescriptorLimits.h"
 
 namespace {
@@ -182,6 +187,79 @@ TEST_F(OpenClose, PortThatDoesNotAnswerFailsAfterASecond) {
   EXPECT_LE(took, std::chrono::seconds(5));
 }
 
+// Signals, one a millisecond, for the thread that made it.
+class Interruptions {
+ public:
+  Interruptions() {
+    struct sigaction handler {};
+    handler.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &handler, &before);
+    sender = std::jthread([to = pthread_self()](const std::stop_token& enough) {
+      while (!enough.stop_requested()) {
+        pthread_kill(to, SIGUSR1);
+        poll(nullptr, 0, 1);
+      }
+    });
+  }
+  ~Interruptions() {
+    sender.request_stop();
+    sender.join();
+    sigaction(SIGUSR1, &before, nullptr);
+  }
+  Interruptions(const Interruptions&) = delete;
+  Interruptions& operator=(const Interruptions&) = delete;
+
+ private:
+  struct sigaction before {};
+  std::jthread sender;
+};
+
+// Where the connection stands is not known then.
+TEST_F(OpenClose, WaitThatIsInterruptedCountsAsTooLong) {
+  const UnansweringPort nobody;
+  pointAt(nobody.port());
+  const auto begun = std::chrono::steady_clock::now();
+  {
+    const Interruptions signals;
+    expectFailure("connect timeout");
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(1));
+}
+
+// A broadcast address takes no connection, a network without a route leads to none: the socket is
+// ready, without an error, and without a peer.
+TEST_F(OpenClose, ConnectionThatTheSystemRefusesAtOnceIsMissedAtTheFirstRead) {
+  net->command({"host", "255.255.255.255"});
+  net->command({"port", "80"});
+  newLines();
+  ASSERT_EQ("OK", net->command({"open"}));
+  EXPECT_EQ(Lines{traceLine("opening TCP socket")}, newLines());
+  awaitEnd();
+  net->readLinkNow();
+  EXPECT_EQ(Lines{errorLine("connection closed by peer 255.255.255.255:80")}, newLines());
+  EXPECT_EQ(-1, net->fd);
+}
+
+// As the system reads addresses: fewer numbers than four, hexadecimal and octal ones.
+TEST_F(OpenClose, AddressMayBeWrittenInFewerParts) {
+  TcpPeer peer;
+  pointAt(peer.port());
+  for (const char* host : {"127.1", "127.0.1", "0x7f000001", "0177.0.0.01"}) {
+    net->command({"host", host});
+    EXPECT_EQ("OK", net->command({"open"})) << host;
+    EXPECT_EQ(htonl(INADDR_LOOPBACK), net->p_addr.sin_addr.s_addr) << host;
+    net->command({"close"});
+  }
+}
+
+TEST_F(OpenClose, PortBeyond16BitsIsCut) {
+  TcpPeer peer;
+  pointAt(65536 + peer.port());
+  EXPECT_EQ("OK", net->command({"open"}));
+  EXPECT_EQ(peer.port(), ntohs(net->p_addr.sin_port));
+  EXPECT_TRUE(peer.linkWaits());
+}
+
 TEST_F(OpenClose, NamesAreNotResolved) {
   for (const char* host : {"localhost", "example.org", "", "127.0.0.256", "1.2.3.4.5", "::1"}) {
     net->command({"host", host});
@@ -225,6 +303,18 @@ TEST_F(OpenClose, NoDescriptorLeftFailsTheOpening) {
   const DescriptorLimit none(3);
   ASSERT_TRUE(none.isSet());
   expectFailure("allocate socket (errno: 24 Too many open files)");
+}
+
+// What a script may still write is not to cost time then.
+TEST_F(OpenClose, RovikThatIsBeingEndedOpensNothing) {
+  TcpPeer peer;
+  pointAt(peer.port());
+  drovane::RovikHost::of(*net).interrupt();
+  EXPECT_EQ("ERROR", net->command({"open"}));
+  EXPECT_EQ(-1, net->fd);
+  EXPECT_EQ(Lines{errorLine("open failed")}, newLines());
+  EXPECT_EQ("open failed", warning());
+  EXPECT_FALSE(peer.linkWaits());
 }
 
 TEST_F(OpenClose, TestSendsFiveBytes) {

@@ -125,6 +125,15 @@ TEST_F(Outbound, TextOfTheDefaultAddressIsUnescaped) {
   EXPECT_EQ(std::string("a\r\n\0\0\\\\q\\x4", 11), sent());
 }
 
+// Raw mode is one of what comes in and of what a script writes.
+TEST_F(Outbound, TextIsUnescapedInRawModeToo) {
+  rule("5_1_0", "^(.*)$", "\\1\\x00");
+  net->raw = true;
+  request("5_0_0", "a\\n");
+  request("5_1_0", "b\\t");
+  EXPECT_EQ(std::string("a\nb\t\0", 5), sent());
+}
+
 TEST_F(Outbound, EveryByteCanBeSent) {
   rule("5_1_0", ".*", "\\0");
   request("5_0_0", escaped(everyByte()));

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <future>
 
 #include "CallFaults.h"
@@ -296,6 +297,17 @@ TEST_F(Tls, NamesAreNotResolved) {
   EXPECT_EQ(traceLine("Failed to opent TCP socket"), lines[3]);
   EXPECT_EQ(errorLine("open failed"), lines[4]);
   EXPECT_EQ(2U, warnings());
+}
+
+// The second that a connection may take is none of the handshake's.
+TEST_F(Tls, ServerMayTakeItsTimeForTheHandshake) {
+  TlsPeer server(selfSigned());
+  net->command({"accept_self_cert", "on"});
+  pointAt(server.port());
+  auto reply = std::async(std::launch::async, [this] { return net->command({"open"}); });
+  EXPECT_EQ(std::future_status::timeout, reply.wait_for(std::chrono::milliseconds(1500)));
+  EXPECT_TRUE(server.accept());
+  EXPECT_EQ("OK", reply.get());
 }
 
 // What no peer can be made to cause.

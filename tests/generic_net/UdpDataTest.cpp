@@ -1,11 +1,14 @@
 // Datagrams in both directions on this machine; what takes a second host is in UdpHostsTest.cpp.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <future>
 
 #include "CallFaults.h"
 #include "UdpNet.h"
+#include "framework/Descriptor.h"
 #include "support/Eventually.h"
 #include "support/Inbox.h"
 
@@ -106,6 +109,16 @@ TEST_F(UdpData, EmptyDatagramCompletesNothingWithEolclose) {
   net->inbufpos = 3;
   feed(peer, "");
   EXPECT_EQ(-1, net->fd);
+  EXPECT_EQ(Values{}, inbox.takeValues());
+}
+
+TEST_F(UdpData, ReadThatFailsClosesTheLink) {
+  const drovane::Descriptor no_socket(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(net->fd, dup2(no_socket.get(), net->fd));
+  net->readLinkNow();
+  EXPECT_EQ(-1, net->fd);
+  EXPECT_EQ(Lines{errorLine(gone())}, newLines());
+  EXPECT_EQ(gone(), warning());
   EXPECT_EQ(Values{}, inbox.takeValues());
 }
 

@@ -137,6 +137,14 @@ TEST_F(Udp, OnlyOneRovikHasAPortAbove1024) {
   EXPECT_EQ("OK", net->command({"open"}));
 }
 
+TEST_F(Udp, AddressMayBeWrittenInFewerParts) {
+  for (const char* host : {"192.0.519", "0xC0000207", "192.0x207"}) {
+    openTo(host, 1024);
+    EXPECT_EQ(htonl(0xC0000207), net->p_addr.sin_addr.s_addr) << host;
+    net->command({"close"});
+  }
+}
+
 TEST_F(Udp, NamesAreNotResolved) {
   for (const char* host : {"localhost", "example.org", "", "127.0.0.256", "1.2.3.4.5", "::1"}) {
     pointAt(host, 1024);

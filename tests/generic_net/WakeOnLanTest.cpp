@@ -205,6 +205,13 @@ TEST_F(WakeOnLanNetwork, PacketGoesToPortNineOfTheAddress) {
   EXPECT_EQ(0U, warnings());
 }
 
+TEST_F(WakeOnLanNetwork, AddressMayBeWrittenInFewerParts) {
+  const UdpPeer sleeper("127.0.0.1", 9);
+  net->command({"wol", "adr", "127.1"});
+  EXPECT_EQ("OK", net->command({"wol", "snd"}));
+  EXPECT_EQ(packetFor(std::string(6, '\0')), sleeper.receive().bytes);
+}
+
 TEST_F(WakeOnLanNetwork, LimitedBroadcastIsAllowed) {
   OwnNetwork::ip({"route", "add", "default", "dev", "lo"});
   const UdpPeer sleeper("0.0.0.0", 9);
