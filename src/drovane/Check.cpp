@@ -20,8 +20,7 @@ int check(const Options& options) {
     PluginLoader loader(PluginLoader::standardFolders(options.plugins));
     const bool made = house.make(loader);
     if (!house.configure() || !made) return kUsage;
-    std::cout << options.file << ": ok, " << house.all().size()
-              << (house.all().size() == 1 ? " rovik\n" : " roviks\n");
+    std::cout << options.file << ": ok, " << house.countText() << '\n';
     return kDone;
   } catch (const ConfigError& error) {
     report(error.what());

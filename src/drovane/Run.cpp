@@ -98,7 +98,7 @@ class Running {
     starting.emplace("drovane-start", [this] { started = house.start(options.strict); });
     if (signals.wait(starting->descriptor(), kNoDeadline) != Signals::Event::Done) return kDone;
     if (!started) return kUsage;
-    log(LOG_LEVEL_INFO, options.file + ": " + std::to_string(house.all().size()) + " roviks");
+    log(LOG_LEVEL_INFO, options.file + ": " + house.countText());
     signals.wait(-1, kNoDeadline);
     return kDone;
   }

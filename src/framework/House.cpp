@@ -241,4 +241,8 @@ const House::Member* House::find(std::string_view rovik) const {
   return found != members.end() ? &*found : nullptr;
 }
 
+std::string House::countText() const {
+  return std::to_string(members.size()) + (members.size() == 1 ? " rovik" : " roviks");
+}
+
 }  // namespace drovane

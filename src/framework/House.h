@@ -92,6 +92,7 @@ class House {
   // is none.
   const Member* find(std::string_view rovik) const;
   const std::deque<Member>& all() const { return members; }
+  std::string countText() const;  // "1 rovik", "4 roviks"
   const ConfigFile& configuration() const { return config; }
 
  private:

@@ -32,6 +32,13 @@ TEST(Run, SaysWhatIsLoadedStartedAndStopped) {
   EXPECT_EQ(run.output(), "");
 }
 
+TEST(Run, CountsItsRoviks) {
+  Program one;
+  EXPECT_TRUE(one.start("rovik 5 boiler echo\n").waitForErrors(one.file() + ": 1 rovik\n"));
+  Program two;
+  EXPECT_TRUE(two.start(houseWith()).waitForErrors(two.file() + ": 2 roviks\n"));
+}
+
 TEST(Run, ClosesAnOpenLinkBeforeItEnds) {
   Program program;
   Process& run = program.startReady(houseWith("  open\n"));

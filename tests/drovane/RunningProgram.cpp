@@ -20,7 +20,7 @@ Process& Program::start(const std::string& config, const Arguments& options) {
 
 Process& Program::startReady(const std::string& config, const Arguments& options) {
   start(config, options);
-  EXPECT_TRUE(process->waitForErrors(" roviks\n")) << process->errors();
+  EXPECT_TRUE(process->waitForErrors(file() + ": ")) << process->errors();
   return *process;
 }
 
