@@ -103,6 +103,7 @@ class Reader {
     if (text.find('\0') != std::string_view::npos)
       fail("the line holds a zero byte; expected text");
     WordsOrError split = splitWords(text);
+    Log::makeOneLine(split.error);
     if (!split.error.empty()) fail(split.error);
     if (!split.words.empty()) readWords(std::move(split.words));
   }

@@ -139,7 +139,10 @@ INSTANTIATE_TEST_SUITE_P(
         BadConfig{"Empty", "", "house.conf:1: there is no rovik; expected 'rovik ID NAME PLUG-IN'"},
         BadConfig{"UnclosedQuote", "rovik 5 a echo\n say 'b\n",
                   "house.conf:2: quote is not closed: 'b; expected a second ' or \" of the same "
-                  "kind in the same line"}),
+                  "kind in the same line"},
+        BadConfig{"UnclosedQuoteWithControlByte", "rovik 5 a echo\n say 'b\x1b[1m\n",
+                  "house.conf:2: quote is not closed: 'b\\x1b[1m; expected a second ' or \" of the "
+                  "same kind in the same line"}),
     [](const auto& each) { return each.param.what; });
 
 TEST_F(ConfigFileTest, RefusesANameOf65Characters) {

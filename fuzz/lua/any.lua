@@ -1,0 +1,1 @@
+-- Stands for the script that a fuzz target makes from its input.
