@@ -24,7 +24,8 @@ class TimeValue : public timeval {
   // Writes the value as local wall-clock time, "YYYY-MM-DD HH:MM:SS.mmm", into tbuf.
   void setTbuf();
 
-  // Fills `now` with the current wall-clock time (gettimeofday(2)).
+  // Fills `now` with the current wall-clock time (gettimeofday(2)). Where a time_t has 32 bits
+  // it stands still at 2038-01-19T03:14:07.999999 UTC, the last moment that they can hold.
   static void getCurrentSystemTime(timeval& now);
 
   // The text form, NUL-terminated; empty until setTbuf.

@@ -140,7 +140,10 @@ Sorted optionsFirst(CLI::App& app, const Subcommand& subcommand,
       words_only = words_only || subcommand.all_words_after_first;
     } else {
       options.push_back(argument);
-      if (takesValue(app, argument) && i + 1 < arguments.size()) options.push_back(arguments[++i]);
+      if (!takesValue(app, argument)) continue;
+      // Alone, for CLI11 to refuse it: the "--" would be taken for its value.
+      if (i + 1 == arguments.size()) return {{argument}, {}};
+      options.push_back(arguments[++i]);
     }
   }
   options.emplace_back("--");

@@ -12,19 +12,30 @@
 
 namespace drovane {
 
-Phase::Phase(const char* label, std::function<void()> its_work)
+Phase::Phase(const char* label, std::function<void()> its_work, Begin when)
     : work(std::move(its_work)),
+      wanted(when == Begin::AtOnce),
       event(moveAboveLinks(Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)))) {
   if (!event) throw std::system_error(errno, std::generic_category(), "eventfd");
   const int error = start(label);
   if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_create");
+  if (wanted) turn.release();
 }
 
-Phase::~Phase() { Thread::stop(); }
+Phase::~Phase() {
+  if (!wanted) turn.release();
+  Thread::stop();
+}
+
+void Phase::begin() {
+  wanted = true;
+  turn.release();
+}
 
 int Phase::main() {
+  turn.acquire();
   try {
-    work();
+    if (wanted) work();
   } catch (const std::exception& error) {
     Drovane::global.log(LOG_LEVEL_ERROR, kFrameworkId, kFrameworkName, "exception: %s\n",
                         error.what());

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <optional>
 #include <system_error>
 
@@ -62,8 +63,12 @@ void raiseDescriptorLimit() {
         RovikUtil::vsnprintftostr("setrlimit (errno: %d %s)", errno, std::strerror(errno)));
 }
 
-// A peer that goes away while it is written to is an error of that write, not of the process.
-void ignoreBrokenPipes() { ::signal(SIGPIPE, SIG_IGN); }
+// A peer that goes away while it is written to, and a file that has its largest size, are errors of
+// that write, not of the process.
+void ignoreFailingWrites() {
+  ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGXFSZ, SIG_IGN);
+}
 
 // One run of a house, from its making to its end.
 class Running {
@@ -105,9 +110,9 @@ class Running {
 
   void stop(int status) {
     const std::int64_t deadline = after(kStopBound);
-    log(LOG_LEVEL_INFO, "stopping");
+    Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "stopping\n");
     control.reset();
-    Phase stopping("drovane-stop", [this] { house.stop(); });
+    stopping.begin();
     Signals::Event event = Signals::Event::Terminate;
     while (event == Signals::Event::Terminate)
       event = signals.wait(stopping.descriptor(), deadline);
@@ -117,16 +122,20 @@ class Running {
   }
 
   // Nobody can end a thread that does not come back; what it uses stays as it is.
-  [[noreturn]] void leaveStuck(int status) const {
-    for (const std::string& rovik : house.unended())
-      log(LOG_LEVEL_ERROR, "rovik " + rovik + " did not end in time");
+  [[noreturn]] void leaveStuck(int status) {
+    try {
+      for (const std::string& rovik : house.unended())
+        log(LOG_LEVEL_ERROR, "rovik " + rovik + " did not end in time");
+    } catch (const std::bad_alloc&) {
+      Log::global().countLost();
+    }
     closeLog(status);
     std::_Exit(status);
   }
 
   // Whoever reads the log may have stopped reading.
-  void closeLog(int status) const {
-    Phase closing("drovane-log", [] { Log::global().close(); });
+  void closeLog(int status) {
+    closing.begin();
     if (signals.wait(closing.descriptor(), after(kLogBound)) != Signals::Event::Done)
       std::_Exit(status);
   }
@@ -134,6 +143,9 @@ class Running {
   const Options& options;
   const Signals signals;
   House house;
+  // Threads and descriptors that the end needs: by then there may be none.
+  Phase stopping{"drovane-stop", [this] { house.stop(); }, Phase::Begin::WhenTold};
+  Phase closing{"drovane-log", [] { Log::global().close(); }, Phase::Begin::WhenTold};
   std::optional<ControlServer> control;
   std::atomic<bool> started{false};  // set by the start phase
   std::optional<Phase> starting;
@@ -143,7 +155,7 @@ class Running {
 
 int run(const Options& options) {
   raiseDescriptorLimit();
-  ignoreBrokenPipes();
+  ignoreFailingWrites();
   try {
     ConfigFile config = ConfigFile::read(options.file);
     Drovane::global.setLogLevel(options.log_level != 0 ? options.log_level

@@ -17,7 +17,7 @@ struct CommandResult {
 // begin and withdraw succeeds, so a command that was given up is never run.
 class Command {
  public:
-  using Done = std::function<void(const CommandResult&)>;
+  using Done = std::function<void(CommandResult)>;
 
   Command(std::vector<std::string> its_words, Done when_done)
       : words(std::move(its_words)), done(std::move(when_done)) {}

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -36,15 +37,20 @@ const ControlOperations::Operation ControlOperations::kOperations[] = {
     {"version", &ControlOperations::versionOnly},
 };
 
-void CommandResults::put(std::uint64_t ticket, const CommandResult& result) {
+std::shared_ptr<CommandResults::Place> CommandResults::placeFor(std::uint64_t ticket) {
+  return std::make_shared<Place>(1, Entry{ticket, {}});
+}
+
+void CommandResults::put(Place& place, CommandResult result) {
+  place.front().result = std::move(result);
   {
     MutexLock guard(lock);
-    entries.push_back({ticket, result});
+    entries.splice(entries.end(), place);
   }
   waker->wake();
 }
 
-std::vector<CommandResults::Entry> CommandResults::take() {
+std::list<CommandResults::Entry> CommandResults::take() {
   MutexLock guard(lock);
   return std::exchange(entries, {});
 }
@@ -58,6 +64,7 @@ ControlOperations::ControlOperations(const House& its_house, std::string its_ver
                                      ControlWatch& its_watch, const std::shared_ptr<Waker>& waker)
     : house(its_house),
       version(std::move(its_version)),
+      no_memory(errorReply("there is no memory for an answer; expected another try later")),
       watch(its_watch),
       started(Clock::now()),
       mailbox(std::make_shared<Mailbox>(kCommandLineId, kCommandLineName, waker)),
@@ -91,6 +98,10 @@ std::optional<std::string> ControlOperations::perform(std::uint64_t client,
     return jsonLine(reply.get());
   } catch (const RequestError& error) {
     return errorReply(error.what());
+  } catch (const std::bad_alloc&) {
+    // What the request has left behind goes with the client's other business.
+    forget(client);
+    return no_memory;
   }
 }
 
@@ -106,22 +117,23 @@ const House::Member& ControlOperations::member(const std::string& rovik) const {
 ControlOperations::Pending& ControlOperations::addPending(std::uint64_t client,
                                                           const House::Member& receiver) {
   const std::int64_t patience = std::chrono::nanoseconds(RovikHost::kPatience).count();
-  Pending& added = pending[++last_ticket];
+  Pending added;
   added.client = client;
   added.deadline = Clock::now() + patience;
   added.rovik = receiver.label();
-  return added;
+  ++last_ticket;
+  return pending.emplace(last_ticket, std::move(added)).first->second;
 }
 
 Json ControlOperations::command(const Request& request) {
   const House::Member& receiver =
       member(requiredText(request.fields, "rovik", "a rovik's name or id"));
   std::vector<std::string> words = requiredWords(request.fields);
+  auto wanted = std::make_shared<Command>(
+      std::move(words), [place = CommandResults::placeFor(last_ticket + 1), queue = results](
+                            CommandResult result) { queue->put(*place, std::move(result)); });
   Pending& waiting = addPending(request.client, receiver);
-  waiting.command = std::make_shared<Command>(
-      std::move(words), [ticket = last_ticket, queue = results](const CommandResult& result) {
-        queue->put(ticket, result);
-      });
+  waiting.command = std::move(wanted);
   if (receiver.host().post(waiting.command)) return nullptr;
   pending.erase(last_ticket);
   if (receiver.state == House::Member::State::Configuring)
@@ -224,14 +236,28 @@ void ControlOperations::collectResults(const Answer& answer) {
     auto found = pending.extract(entry.ticket);
     if (!found) continue;  // overdue, or the client is gone
     const Pending& waiting = found.mapped();
-    if (!entry.result.answered) {
-      answer(waiting.client, errorReply("rovik " + waiting.rovik + ": " + entry.result.text));
-      continue;
-    }
-    const Json reply = okReply();
-    addText(reply.get(), "reply", entry.result.text);
-    answer(waiting.client, jsonLine(reply.get()));
+    answerWith(waiting.client, answer, [&] { return resultLine(waiting, entry.result); });
   }
+}
+
+std::string ControlOperations::resultLine(const Pending& waiting, const CommandResult& result) {
+  if (!result.answered) return errorReply("rovik " + waiting.rovik + ": " + result.text);
+  const Json reply = okReply();
+  addText(reply.get(), "reply", result.text);
+  return jsonLine(reply.get());
+}
+
+// A client that waits gets an answer even if there is no memory for the right one.
+template <typename MakeLine>
+void ControlOperations::answerWith(std::uint64_t client, const Answer& answer,
+                                   MakeLine makeLine) const {
+  std::string line;
+  try {
+    line = makeLine();
+  } catch (const std::bad_alloc&) {
+    return answer(client, no_memory);
+  }
+  answer(client, line);
 }
 
 void ControlOperations::collectReplies(const Answer& answer) {
@@ -252,9 +278,11 @@ void ControlOperations::collectReply(RovikMessage& msg, const Answer& answer) {
   if (asked == pending.end()) return;
   const std::uint64_t client = asked->second.client;
   pending.erase(asked);
-  const Json reply = okReply();
-  cJSON_AddItemToObject(reply.get(), "message", msg.toJSON());
-  answer(client, jsonLine(reply.get()));
+  answerWith(client, answer, [&] {
+    const Json reply = okReply();
+    cJSON_AddItemToObject(reply.get(), "message", msg.toJSON());
+    return jsonLine(reply.get());
+  });
 }
 
 void ControlOperations::collectOverdue(const Answer& answer) {
@@ -272,9 +300,10 @@ void ControlOperations::collectOverdue(const Answer& answer) {
     // Out of the books first: whoever gets the answer may ask on, or may have to go.
     const auto over = pending.extract(at++);
     const Pending& unanswered = over.mapped();
-    const std::string problem = unanswered.command ? "no turn within 5 s, the rovik is busy"
-                                                   : "no answer to the request within 5 s";
-    answer(unanswered.client, errorReply("rovik " + unanswered.rovik + ": " + problem));
+    const char* const problem = unanswered.command ? ": no turn within 5 s, the rovik is busy"
+                                                   : ": no answer to the request within 5 s";
+    answerWith(unanswered.client, answer,
+               [&] { return errorReply("rovik " + unanswered.rovik + problem); });
   }
 }
 

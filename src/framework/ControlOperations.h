@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,14 +31,18 @@ class CommandResults {
 
   explicit CommandResults(std::shared_ptr<Waker> its_waker) : waker(std::move(its_waker)) {}
 
-  void put(std::uint64_t ticket, const CommandResult& result);
-  std::vector<Entry> take();
+  // Where a result will be put: made beforehand, so that putting it needs no memory.
+  using Place = std::list<Entry>;
+  static std::shared_ptr<Place> placeFor(std::uint64_t ticket);
+
+  void put(Place& place, CommandResult result);
+  std::list<Entry> take();
   bool empty() const;
 
  private:
   const std::shared_ptr<Waker> waker;
   mutable Mutex lock;
-  std::vector<Entry> entries DROVANE_GUARDED_BY(lock);
+  std::list<Entry> entries DROVANE_GUARDED_BY(lock);
 };
 
 // Belongs to the control thread. Is the router's address of the command line.
@@ -99,6 +104,9 @@ class ControlOperations {
   const House::Member& member(const std::string& rovik) const;
   Json memberStatus(const House::Member& of) const;
   Pending& addPending(std::uint64_t client, const House::Member& receiver);
+  static std::string resultLine(const Pending& waiting, const CommandResult& result);
+  template <typename MakeLine>
+  void answerWith(std::uint64_t client, const Answer& answer, MakeLine makeLine) const;
   void collectResults(const Answer& answer);
   void collectReplies(const Answer& answer);
   void collectReply(RovikMessage& msg, const Answer& answer);
@@ -106,6 +114,7 @@ class ControlOperations {
 
   const House& house;
   const std::string version;
+  const std::string no_memory;  // the answer for want of memory, made beforehand
   ControlWatch& watch;
   const std::int64_t started;  // nanoseconds of Clock
   const std::shared_ptr<Mailbox> mailbox;

@@ -1,5 +1,7 @@
 #include "ControlProtocol.h"
 
+#include <new>
+
 namespace drovane {
 namespace {
 
@@ -46,7 +48,7 @@ bool optionalFlag(const cJSON* request, const char* field) {
 
 Json okReply() {
   Json reply(cJSON_CreateObject());
-  cJSON_AddTrueToObject(reply.get(), "ok");
+  if (cJSON_AddTrueToObject(reply.get(), "ok") == nullptr) throw std::bad_alloc();
   return reply;
 }
 

@@ -18,6 +18,8 @@ namespace {
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 // Without descriptors for a newcomer: how long until the next try.
 constexpr std::int64_t kAcceptPause = 100 * kNanosecondsPerMillisecond;
+// Milliseconds: what was missing may be there again then.
+constexpr int kPauseAfterException = 100;
 // Then the clients that are connected have their turn.
 constexpr int kAcceptAtOnce = 64;
 constexpr std::uint64_t kNoClient = 0;
@@ -46,6 +48,7 @@ int ControlServer::main() {
       turn();
     } catch (const std::exception& error) {
       logError("exception", error.what());
+      ::poll(nullptr, 0, kPauseAfterException);
     }
   }
   return 0;
@@ -115,13 +118,14 @@ void ControlServer::acceptAll() {
       endAccepting(errno);
       return;
     }
+    accept_failed = false;
     admit(std::move(socket));
   }
 }
 
 void ControlServer::endAccepting(int error) {
   if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
-  logError("accept", std::strerror(error));
+  if (!std::exchange(accept_failed, true)) logError("accept", std::strerror(error));
   accept_again = Clock::now() + kAcceptPause;
 }
 
@@ -168,12 +172,25 @@ void ControlServer::drop(std::uint64_t client) {
 
 // --- Serving ---
 
+// False when what a client needs failed for want of memory: it has to go then.
+template <typename Step>
+bool ControlServer::guarded(Step step) {
+  try {
+    return step();
+  } catch (const std::exception& error) {
+    logError("exception", error.what());
+    return false;
+  }
+}
+
 void ControlServer::serve(std::uint64_t client, short events) {
   const auto found = connections.find(client);
   if (found == connections.end()) return;
   ControlConnection& connection = found->second;
   const bool broken = (events & POLLIN) == 0 && (events & (POLLERR | POLLHUP | POLLNVAL)) != 0;
-  if (broken || ((events & POLLIN) != 0 && !readRequests(client, connection))) drop(client);
+  const bool goes_on = !broken && ((events & POLLIN) == 0 ||
+                                   guarded([&] { return readRequests(client, connection); }));
+  if (!goes_on) drop(client);
 }
 
 bool ControlServer::readRequests(std::uint64_t client, ControlConnection& connection) {
@@ -197,12 +214,16 @@ bool ControlServer::performRequests(std::uint64_t client, ControlConnection& con
   return false;
 }
 
+// A client whose answer cannot be made is let go, so that it waits no longer.
 void ControlServer::answerLater(std::uint64_t client, const std::string& line) {
   const auto found = connections.find(client);
   if (found == connections.end()) return;
   found->second.busy = false;
-  found->second.reply(line);
-  if (!performRequests(client, found->second)) drop(client);
+  const bool goes_on = guarded([&] {
+    found->second.reply(line);
+    return performRequests(client, found->second);
+  });
+  if (!goes_on) drop(client);
 }
 
 void ControlServer::handOutMessages() {
@@ -223,7 +244,8 @@ void ControlServer::handOutMessages() {
 void ControlServer::finish() {
   std::vector<std::uint64_t> gone;
   for (auto& [client, connection] : connections) {
-    const bool alive = connection.flush() && performRequests(client, connection);
+    const bool alive = guarded(
+        [&, id = client, &with = connection] { return with.flush() && performRequests(id, with); });
     const bool done =
         connection.inputEnded() && !connection.busy && !connection.unsent() && !connection.watching;
     if (!alive || done) gone.push_back(client);

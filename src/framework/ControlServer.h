@@ -66,6 +66,8 @@ class ControlServer final : private Thread {
   bool readRequests(std::uint64_t client, ControlConnection& connection);
   bool performRequests(std::uint64_t client, ControlConnection& connection);
   void answerLater(std::uint64_t client, const std::string& line);
+  template <typename Step>
+  static bool guarded(Step step);
   void handOutMessages();
   void finish();
   void drop(std::uint64_t client);
@@ -78,6 +80,7 @@ class ControlServer final : private Thread {
   // The control thread's.
   Connections connections;
   std::uint64_t last_client = 0;
+  bool accept_failed = false;     // and was reported
   std::int64_t accept_again = 0;  // no accepting before, in nanoseconds of Clock
   std::vector<pollfd> polled;
   std::vector<std::uint64_t> polled_clients;  // beside `polled`; 0 for the server's own

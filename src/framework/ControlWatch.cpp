@@ -1,5 +1,6 @@
 #include "ControlWatch.h"
 
+#include <new>
 #include <utility>
 
 #include "LocalTime.h"
@@ -40,6 +41,7 @@ void ControlWatch::remove(std::uint64_t client) {
 void ControlWatch::open() {
   tap = std::make_shared<Mailbox>(kTapId, kTapName, waker);
   reported_lost = 0;
+  lost_here = 0;
   Router::global().setTap(tap);
 }
 
@@ -55,6 +57,17 @@ void ControlWatch::close() {
 
 bool ControlWatch::waiting() const { return tap && (batch_done < batch.size() || !tap->empty()); }
 
+// False when there was no memory for it.
+bool ControlWatch::handOutOne(RovikMessage& msg,
+                              const std::function<void(const std::string&)>& to) {
+  try {
+    to(messageLine(msg));
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 void ControlWatch::handOut(const std::function<void(const std::string&)>& to,
                            const std::function<void(std::uint64_t)>& messages_lost) {
   if (!waiting()) return;
@@ -65,11 +78,11 @@ void ControlWatch::handOut(const std::function<void(const std::string&)>& to,
   }
   for (std::size_t count = 0; count < kAtOnce && batch_done < batch.size(); ++count) {
     RovikMessage* const msg = batch[batch_done++];
-    to(messageLine(*msg));
+    if (!handOutOne(*msg, to)) ++lost_here;
     RecordPool::release(msg);
   }
   tap->left(batch.size() - batch_done);
-  const std::uint64_t lost = tap->dropped();
+  const std::uint64_t lost = tap->dropped() + lost_here;
   if (lost != reported_lost) messages_lost(lost - std::exchange(reported_lost, lost));
 }
 

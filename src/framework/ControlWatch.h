@@ -35,9 +35,11 @@ class ControlWatch {
  private:
   void open();
   void close();
+  static bool handOutOne(RovikMessage& msg, const std::function<void(const std::string&)>& to);
 
   const std::shared_ptr<Waker> waker;
   std::shared_ptr<Mailbox> tap;  // null while nobody watches
+  std::uint64_t lost_here = 0;   // for want of memory, since the tap was opened
   std::uint64_t reported_lost = 0;
   std::set<std::uint64_t> watching;
   std::vector<RovikMessage*> batch;

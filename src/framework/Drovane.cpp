@@ -1,6 +1,7 @@
 #include "Drovane.h"
 
 #include <cstdarg>
+#include <exception>
 
 #include "Format.h"
 #include "Log.h"
@@ -14,6 +15,11 @@ struct Root {
   std::string path DROVANE_GUARDED_BY(lock) = ".";
 };
 
+std::string& lineOfThisThread() {
+  static thread_local std::string line;
+  return line;
+}
+
 Root& root() {
   static Root instance;
   return instance;
@@ -25,13 +31,20 @@ Drovane Drovane::global;
 
 void Drovane::log(int level, int id, std::string name, const char* fmt, ...) {
   if (!logs(level)) return;
-  static thread_local std::string text;
+  std::string& text = lineOfThisThread();
   va_list args;
   va_start(args, fmt);
-  drovane::formatInto(text, fmt, args);
+  try {
+    drovane::formatInto(text, fmt, args);
+    drovane::Log::global().write(level, id, name, text);
+  } catch (const std::exception&) {
+    // Whoever reports an error must not meet another one.
+    drovane::Log::global().countLost();
+  }
   va_end(args);
-  drovane::Log::global().write(level, id, name, text);
 }
+
+void drovane::Log::prepareThread() { lineOfThisThread(); }
 
 void Drovane::getInstRoot(char* buf, int size) const {
   MutexLock lock(root().lock);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <exception>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -135,12 +137,27 @@ void House::launch(Member& member, bool strict) {
   settle(member, State::Idle);
 }
 
+// Whatever the framework itself needs for it may be missing; start waits for the rovik in any case.
+bool House::runCommandsHere(Member& member, bool strict) {
+  try {
+    return runCommands(member, strict);
+  } catch (const std::exception& error) {
+    Drovane::global.log(LOG_LEVEL_ERROR, kFrameworkId, kFrameworkName,
+                        "rovik %d %s: exception in its configuration: %s\n", member.config.id,
+                        member.config.name.c_str(), error.what());
+    return false;
+  }
+}
+
 // On the rovik's thread, before its loop. False when there is to be none.
 bool House::configureHere(Member& member, bool strict) {
-  const bool clean = runCommands(member, strict);
+  const bool clean = runCommandsHere(member, strict);
   if (strict && !clean) refused = true;
   const bool runs = !cancelled && (clean || !strict);
-  if (runs) say("rovik " + member.label() + ": started");
+  if (runs) {
+    Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "rovik %d %s: started\n",
+                        member.config.id, member.config.name.c_str());
+  }
   settle(member, runs ? State::Running : State::Idle);
   return runs;
 }
@@ -162,7 +179,17 @@ void House::stop() {
                       [](const Member& member) { return member.state == State::Idle; }));
     const bool others_ended = ended + idle == members.size();
     ended = 0;
-    for (Member& member : members) ended += advance(member, late, others_ended) ? 1 : 0;
+    for (Member& member : members) ended += advanced(member, late, others_ended) ? 1 : 0;
+  }
+}
+
+// For want of memory a step is tried again, and a rovik that is late goes without its farewell.
+bool House::advanced(Member& member, bool late, bool others_ended) {
+  try {
+    return advance(member, late, others_ended);
+  } catch (const std::bad_alloc&) {
+    if (late && member.state == State::Running) askToEnd(member);
+    return false;
   }
 }
 
@@ -213,14 +240,24 @@ void House::endWhenStopped(Member& member) {
   if (!member.host().status().running) end(member);
 }
 
+// For want of memory they are left out: the link ends with the process.
+void House::runLastCommands(Member& member) {
+  try {
+    if (!member.farewell) member.farewell.emplace(member.host());
+    member.farewell->runRest();
+  } catch (const std::bad_alloc&) {
+    Log::global().countLost();
+  }
+}
+
 void House::end(Member& member) {
   if (member.rovik) {
     member.rovik->stop();
-    if (!member.farewell) member.farewell.emplace(member.host());
-    member.farewell->runRest();
+    runLastCommands(member);
     member.farewell.reset();
     member.rovik.reset();
-    say("rovik " + member.label() + ": stopped");
+    Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "rovik %d %s: stopped\n",
+                        member.config.id, member.config.name.c_str());
   }
   member.state = State::Ended;
 }

@@ -100,14 +100,17 @@ class House {
   bool runCommands(Member& member, bool strict);
   bool runCommand(Member& member, const ConfigCommand& command);
   void launch(Member& member, bool strict);
+  bool runCommandsHere(Member& member, bool strict);
   bool configureHere(Member& member, bool strict);
   void settle(Member& member, Member::State state);
   void awaitConfigured(const Member& member);
+  bool advanced(Member& member, bool late, bool others_ended);
   bool advance(Member& member, bool late, bool others_ended);
   void takeLeave(Member& member);
   void askToEnd(Member& member);
   void endWhenIdle(Member& member);
   void endWhenStopped(Member& member);
+  static void runLastCommands(Member& member);
   void end(Member& member);
   bool report(int line, const std::string& problem) const;
 

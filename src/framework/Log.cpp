@@ -1,29 +1,34 @@
 #include "Log.h"
 
 #include <spdlog/async.h>
-#include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
-#include <filesystem>
+#include <iterator>
 #include <mutex>
 #include <shared_mutex>
 #include <stdexcept>
+#include <system_error>
+#include <utility>
 
+#include "Clock.h"
 #include "Drovane.h"
-#include "Format.h"
+#include "LogFile.h"
 #include "RovikUtil.h"
+#include "TimeValue.h"
 
 namespace drovane {
 namespace {
 
 constexpr const char* kPattern = "%Y-%m-%dT%H:%M:%S.%e%z %^%v%$";
 constexpr std::size_t kWaitingLines = 8192;
-constexpr std::size_t kFileSize = 10 * 1024 * 1024;
-constexpr std::size_t kOldFiles = 5;
+// A log that cannot be written says so this often, in nanoseconds.
+constexpr std::int64_t kComplaintPause = 10 * Clock::kNanosecondsPerSecond;
 
 bool control(char byte) {
   const auto value = static_cast<unsigned char>(byte);
@@ -42,19 +47,37 @@ std::shared_ptr<spdlog::sinks::sink> terminalSink() {
   return sink;
 }
 
-// A device or a pipe is written to as it is: to begin a new one would mean to rename it.
-std::shared_ptr<spdlog::sinks::sink> fileSink(const std::string& path) {
-  std::error_code unknown;
-  const auto kind = std::filesystem::status(path, unknown).type();
-  if (kind == std::filesystem::file_type::regular || kind == std::filesystem::file_type::not_found)
-    return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, kFileSize, kOldFiles);
-  return std::make_shared<spdlog::sinks::basic_file_sink_mt>(path);
+// On the writer's thread.
+class FileSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit FileSink(const std::string& path) : file(path) {}
+
+ private:
+  void sink_it_(const spdlog::details::log_msg& msg) override {
+    spdlog::memory_buf_t line;
+    formatter_->format(msg, line);
+    file.write({line.data(), line.size()});
+  }
+  void flush_() override {}
+
+  LogFile file;
+};
+
+// To standard error, whatever the log writes to: the log itself is what does not work. By the
+// monotonic clock, so that setting the clock back does not silence it.
+void complain(const std::string& why) {
+  static std::atomic<std::int64_t> next{0};
+  const std::int64_t now = Clock::now();
+  std::int64_t due = next.load();
+  if (now < due || !next.compare_exchange_strong(due, now + kComplaintPause)) return;
+  std::fprintf(stderr, "drovane: the log cannot be written: %s\n", why.c_str());
 }
 
 std::shared_ptr<spdlog::logger> prepared(std::shared_ptr<spdlog::logger> logger) {
   logger->set_level(spdlog::level::trace);
   logger->flush_on(spdlog::level::trace);
   logger->set_pattern(kPattern);
+  logger->set_error_handler(complain);
   return logger;
 }
 
@@ -66,6 +89,7 @@ struct Log::State {
   std::shared_ptr<spdlog::details::thread_pool> writer;  // its thread uses the logger: goes first
   std::function<void(const LogLine&)> observer;
   std::atomic<std::size_t> reported_losses{0};
+  std::atomic<std::size_t> not_made{0};  // lines, for want of memory
 
   // Line by line, for the time before the program has said where lines go and after it has ended.
   void direct() {
@@ -82,6 +106,25 @@ struct Log::State {
     reported_losses = 0;
   }
 
+  // With the time as we take it: the library's own is any moment where the system cannot tell it.
+  template <typename... Parts>
+  void put(int level, fmt::format_string<int&, Parts...> form, Parts&&... parts) {
+    timeval now{};
+    TimeValue::getCurrentSystemTime(now);
+    const auto since_1970 =
+        std::chrono::seconds(now.tv_sec) + std::chrono::microseconds(now.tv_usec);
+    spdlog::memory_buf_t line;
+    fmt::format_to(std::back_inserter(line), form, level, std::forward<Parts>(parts)...);
+    logger->log(spdlog::log_clock::time_point(since_1970), spdlog::source_loc{}, spdlogLevel(level),
+                spdlog::string_view_t(line.data(), line.size()));
+  }
+
+  void reportNotMade() {
+    if (not_made.load(std::memory_order_relaxed) == 0) return;
+    put(LOG_LEVEL_ERROR, "{} {} {} {} log lines lost for want of memory", kFrameworkId,
+        kFrameworkName, not_made.exchange(0));
+  }
+
   void reportLosses() {
     if (!writer) return;
     const std::size_t lost = writer->overrun_counter();
@@ -89,8 +132,8 @@ struct Log::State {
     // One line per flood: the next report waits until the queue has room again.
     if (lost == reported || writer->queue_size() > kWaitingLines / 2) return;
     if (!reported_losses.compare_exchange_strong(reported, lost)) return;
-    logger->log(spdlog::level::err, "{} {} {} {} log lines lost in a flood", LOG_LEVEL_ERROR + 0,
-                kFrameworkId, kFrameworkName, lost - reported);
+    put(LOG_LEVEL_ERROR, "{} {} {} {} log lines lost in a flood", kFrameworkId, kFrameworkName,
+        lost - reported);
   }
 };
 
@@ -111,9 +154,9 @@ void Log::openTerminal() {
 
 void Log::openFile(const std::string& path) {
   try {
-    state->open(fileSink(path));
-  } catch (const spdlog::spdlog_ex& error) {
-    throw std::runtime_error("log file '" + path + "' cannot be opened: " + error.what());
+    state->open(std::make_shared<FileSink>(path));
+  } catch (const std::system_error& error) {
+    throw std::runtime_error("log file '" + path + "' cannot be opened: " + error.code().message());
   }
 }
 
@@ -148,8 +191,11 @@ void Log::write(int level, int id, std::string_view name, std::string& text) {
   makeOneLine(text);
   const std::shared_lock shared(state->lock);
   if (state->observer) state->observer({level, id, name, text});
-  state->logger->log(spdlogLevel(level), "{} {} {} {}", level, id, name, text);
+  state->put(level, "{} {} {} {}", id, name, text);
+  state->reportNotMade();
   state->reportLosses();
 }
+
+void Log::countLost() noexcept { state->not_made.fetch_add(1, std::memory_order_relaxed); }
 
 }  // namespace drovane

@@ -32,9 +32,8 @@ class Log {
   // go, one by one, before open and after close.
   void openTerminal();
 
-  // Lines go to `path`, appended; at 10 MB the file becomes `path`.1 and a new one is begun, and
-  // five old ones are kept. What is no regular file is only written to. Throws std::runtime_error
-  // that names the file when it cannot be opened.
+  // Lines go to `path`, see LogFile. Throws std::runtime_error that names the file when it cannot
+  // be opened.
   void openFile(const std::string& path);
 
   // Writes what is still waiting and goes back to writing line by line.
@@ -44,8 +43,14 @@ class Log {
   // it. Nothing is called any more once this has returned.
   void observe(std::function<void(const LogLine&)> observer);
 
-  // A line whose level has passed. `text` may be changed.
+  // A line whose level has passed. `text` may be changed. For want of memory it throws.
   void write(int level, int id, std::string_view name, std::string& text);
+
+  // A line could not even be made. The next one that can says how many there were.
+  void countLost() noexcept;
+
+  // Makes what the lines of this thread are formatted in.
+  static void prepareThread();
 
   // Control bytes become \n, \r, \t and \xNN; one line end at the end goes. A backslash stays.
   static void makeOneLine(std::string& text);

@@ -1,6 +1,7 @@
 #include "Mailbox.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "Drovane.h"
@@ -20,6 +21,15 @@ bool Mailbox::isReply(const RovikMessage& msg) const {
          (msg.type == MM_DATA || msg.type == MM_CMD_RESPONSE);
 }
 
+bool Mailbox::enqueue(RovikMessage* msg) {
+  try {
+    queue.push_back(msg);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 void Mailbox::accept(RovikMessage* msg) {
   if (isReply(*msg)) {
     reply = msg;
@@ -28,9 +38,15 @@ void Mailbox::accept(RovikMessage* msg) {
   }
   const std::size_t waiting = depthLocked();
   if (!closed && waiting < kHardLimit) {
-    if (waiting < kHighWater) overflowing = false;
-    queue.push_back(msg);
-    return;
+    if (enqueue(msg)) {
+      if (waiting < kHighWater) overflowing = false;
+      return;
+    }
+    if (!std::exchange(overflowing, true)) {
+      Drovane::global.log(LOG_LEVEL_ERROR, kFrameworkId, kFrameworkName,
+                          "there is no memory for messages to rovik %d %s: they are dropped\n", id,
+                          name.c_str());
+    }
   }
   dropped_count.fetch_add(1, std::memory_order_relaxed);
   if (!closed && !std::exchange(overflowing, true)) {
@@ -71,17 +87,19 @@ bool Mailbox::crowded(const std::shared_ptr<Waker>& feeder) {
 
 void Mailbox::close() {
   std::vector<RovikMessage*> dead;
+  RovikMessage* unfetched = nullptr;
   std::vector<std::shared_ptr<Waker>> waiting;
   {
     MutexLock guard(lock);
     closed = true;
     dead.swap(queue);
     waiting.swap(feeders);
-    if (reply != nullptr) dead.push_back(std::exchange(reply, nullptr));
+    unfetched = std::exchange(reply, nullptr);
     expected = 0;
     queued.store(0, std::memory_order_relaxed);
   }
   for (RovikMessage* msg : dead) RecordPool::release(msg);
+  if (unfetched != nullptr) RecordPool::release(unfetched);
   for (const auto& feeder : waiting) feeder->wake();
   waker->wake();
 }

@@ -76,6 +76,7 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
  private:
   bool isReply(const RovikMessage& msg) const DROVANE_REQUIRES(lock);
   void accept(RovikMessage* msg) DROVANE_REQUIRES(lock);
+  bool enqueue(RovikMessage* msg) DROVANE_REQUIRES(lock);
   std::size_t depthLocked() const DROVANE_REQUIRES(lock);
 
   mutable Mutex lock;

@@ -200,6 +200,7 @@ bool readPayload(const cJSON* object, RovikMessage& msg) {
 
 std::string jsonLine(const cJSON* json) {
   const std::unique_ptr<char, JsonDelete> text(cJSON_PrintUnformatted(json));
+  if (!text && json != nullptr) throw std::bad_alloc();
   return text ? text.get() : "";
 }
 

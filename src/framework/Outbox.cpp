@@ -1,5 +1,7 @@
 #include "Outbox.h"
 
+#include <algorithm>
+#include <new>
 #include <utility>
 
 #include "Clock.h"
@@ -41,10 +43,18 @@ const AddressTable& Outbox::currentTable() {
   return *table;
 }
 
-void Outbox::stamp(RovikMessage& msg, std::uint32_t seqnr) const {
+// False when there is no memory for the name: the message is released.
+bool Outbox::stamp(RovikMessage& msg, std::uint32_t seqnr) const {
   if (msg.seqnr == 0) msg.seqnr = seqnr;
   if (msg.src == 0) msg.src = static_cast<std::uint32_t>(own->id);
-  if (msg.src_s.empty()) msg.src_s = own->name;
+  if (!msg.src_s.empty()) return true;
+  try {
+    msg.src_s = own->name;
+    return true;
+  } catch (const std::bad_alloc&) {
+    RecordPool::release(&msg);
+    return false;
+  }
 }
 
 void Outbox::stampTime(RovikMessage& msg, const timeval& now) {
@@ -77,12 +87,18 @@ std::uint32_t Outbox::nextSeqnr() {
   return number != 0 ? number : nextSeqnr();
 }
 
+// Before anything is noted: a message is on its way to all of its receivers or to none.
+void Outbox::makeRoom(std::vector<Pending>& out, std::size_t more) {
+  if (out.capacity() - out.size() < more) out.reserve(std::max(2 * out.size(), out.size() + more));
+}
+
 int Outbox::addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out) {
   if (to == nullptr) {
     reportUndeliverable(*copy);
     RecordPool::release(copy);
     return -1;
   }
+  makeRoom(out, 1);
   out.push_back({to, copy});
   return 1;
 }
@@ -90,6 +106,7 @@ int Outbox::addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out
 // One record for all: the receivers share it.
 int Outbox::broadcast(const AddressTable& roviks, RovikMessage* copy, std::vector<Pending>& out) {
   const std::size_t before = out.size();
+  makeRoom(out, roviks.roviks().size());
   for (const auto& mailbox : roviks.roviks())
     if (mailbox != own) out.push_back({mailbox.get(), copy});
   const auto receivers = static_cast<std::uint32_t>(out.size() - before);
@@ -105,13 +122,24 @@ int Outbox::route(const AddressTable& addresses, RovikMessage* copy, std::vector
   return addressed(find(addresses, *copy), copy, out);
 }
 
+// For want of memory the message is lost, and nothing else.
+int Outbox::routeOrRelease(const AddressTable& addresses, RovikMessage* copy,
+                           std::vector<Pending>& out) {
+  try {
+    return route(addresses, copy, out);
+  } catch (const std::bad_alloc&) {
+    RecordPool::release(copy);
+    return -1;
+  }
+}
+
 int Outbox::send(const RovikMessage& msg) {
+  const AddressTable& addresses = currentTable();
   RovikMessage* copy = RecordPool::copy(msg);
-  if (copy == nullptr) return -1;
-  stamp(*copy, copy->seqnr == 0 ? nextSeqnr() : copy->seqnr);
+  if (copy == nullptr || !stamp(*copy, copy->seqnr == 0 ? nextSeqnr() : copy->seqnr)) return -1;
   if (copy->type == MM_DATA) stampTime(*copy, timeOfSlot());
   sent_inside.store(sent_inside.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  const int receivers = route(currentTable(), copy, pending);
+  const int receivers = routeOrRelease(addresses, copy, pending);
   if (pending.size() >= kBatch) flush();
   return receivers;
 }
@@ -133,8 +161,8 @@ std::uint32_t Outbox::sendRequest(const RovikMessage& msg) {
 
 int Outbox::sendNow(const RovikMessage& msg) {
   RovikMessage* copy = RecordPool::copy(msg);
-  if (copy == nullptr) return -1;
-  stamp(*copy, copy->seqnr == 0 ? router.nextSeqnr() : copy->seqnr);
+  if (copy == nullptr || !stamp(*copy, copy->seqnr == 0 ? router.nextSeqnr() : copy->seqnr))
+    return -1;
   timeval now{};
   TimeValue::getCurrentSystemTime(now);
   stampTime(*copy, now);
@@ -142,7 +170,7 @@ int Outbox::sendNow(const RovikMessage& msg) {
   std::vector<Pending> out;
   std::vector<RovikMessage*> run;
   const auto addresses = router.table();
-  const int receivers = route(*addresses, copy, out);
+  const int receivers = routeOrRelease(*addresses, copy, out);
   handOver(out, run);
   return receivers;
 }
@@ -158,6 +186,12 @@ void Outbox::flush() {
 // Neighbours with the same receiver go in one step; a steady stream to one rovik takes one lock a
 // batch. `run` only lends its memory.
 void Outbox::handOver(const std::vector<Pending>& out, std::vector<RovikMessage*>& run) {
+  try {
+    run.reserve(out.size());
+  } catch (const std::bad_alloc&) {
+    for (const Pending& entry : out) entry.to->put({&entry.msg, 1});
+    return;
+  }
   for (std::size_t at = 0; at < out.size();) {
     Mailbox* const to = out[at].to;
     run.clear();
@@ -170,7 +204,11 @@ void Outbox::noteCrowd(Mailbox& mailbox) {
   if (mailbox.depth() <= Mailbox::kHighWater) return;
   for (const auto& known : crowded)
     if (known.get() == &mailbox) return;
-  crowded.push_back(mailbox.shared_from_this());
+  try {
+    crowded.push_back(mailbox.shared_from_this());
+  } catch (const std::bad_alloc&) {
+    // Noted with a later message; until then the hard limit guards.
+  }
 }
 
 bool Outbox::heldBack() {

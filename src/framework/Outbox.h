@@ -57,13 +57,15 @@ class Outbox {
   static constexpr std::uint32_t kSeqnrBlock = 256;
   static constexpr std::size_t kBatch = 512;  // all lines of one read, as a rule
 
-  void stamp(RovikMessage& msg, std::uint32_t seqnr) const;
+  bool stamp(RovikMessage& msg, std::uint32_t seqnr) const;
   static void stampTime(RovikMessage& msg, const timeval& now);
   const timeval& timeOfSlot();
   std::uint32_t nextSeqnr();
   int route(const AddressTable& addresses, RovikMessage* copy, std::vector<Pending>& out);
   int addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out);
   int broadcast(const AddressTable& roviks, RovikMessage* copy, std::vector<Pending>& out);
+  static void makeRoom(std::vector<Pending>& out, std::size_t more);
+  int routeOrRelease(const AddressTable& addresses, RovikMessage* copy, std::vector<Pending>& out);
   static void handOver(const std::vector<Pending>& out, std::vector<RovikMessage*>& run);
   void noteCrowd(Mailbox& mailbox);
   const AddressTable& currentTable();

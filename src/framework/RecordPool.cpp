@@ -54,6 +54,11 @@ struct RecordPool::Depot {
   std::vector<const Cache*> caches DROVANE_GUARDED_BY(RovikMessage::messageLock);
   std::int64_t in_use_elsewhere DROVANE_GUARDED_BY(RovikMessage::messageLock) = 0;
 
+  // Room for all at once: to give a record back must not need memory.
+  Depot() {
+    for (auto& magazines : full) magazines.reserve(kDepotMagazines);
+  }
+
   // Never destroyed: a thread may end, and a record come back, after main has returned.
   static Depot& get() {
     static Depot& depot = *new Depot;
@@ -212,6 +217,8 @@ void RecordPool::putBack(RovikMessage* msg) {
 }
 
 #endif
+
+void RecordPool::prepareThread() { Cache::ofThisThread(); }
 
 RovikMessage* RecordPool::fresh(std::uint32_t type) {
   if (type >= kKinds) return nullptr;

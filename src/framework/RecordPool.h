@@ -28,6 +28,9 @@ class RecordPool {
   // Gives one hold up; the last one returns the record to the stock.
   static void release(RovikMessage* msg);
 
+  // Makes what this thread keeps records in.
+  static void prepareThread();
+
   // How many records are in use now. Exact while nobody takes or releases.
   static std::int64_t inUse();
 

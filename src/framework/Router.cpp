@@ -1,6 +1,7 @@
 #include "Router.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "RecordPool.h"
@@ -47,11 +48,15 @@ bool Router::add(const std::shared_ptr<Mailbox>& mailbox) {
   return true;
 }
 
-void Router::remove(const Mailbox& mailbox) {
+void Router::remove(const Mailbox& mailbox) noexcept {
   MutexLock guard(lock);
-  auto mailboxes = current->all();
-  std::erase_if(mailboxes, [&](const auto& entry) { return entry.get() == &mailbox; });
-  publish(std::move(mailboxes));
+  try {
+    auto mailboxes = current->all();
+    std::erase_if(mailboxes, [&](const auto& entry) { return entry.get() == &mailbox; });
+    publish(std::move(mailboxes));
+  } catch (const std::bad_alloc&) {
+    // It stays in the table, closed.
+  }
 }
 
 void Router::publish(std::vector<std::shared_ptr<Mailbox>> mailboxes) {

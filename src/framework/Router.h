@@ -44,7 +44,8 @@ class Router {
 
   // False, and nothing changes, when the id or the name is taken.
   bool add(const std::shared_ptr<Mailbox>& mailbox);
-  void remove(const Mailbox& mailbox);
+  // Does not throw, so that it can be called where something ends.
+  void remove(const Mailbox& mailbox) noexcept;
 
   std::shared_ptr<const AddressTable> table();
   // Changes with every change of the table.

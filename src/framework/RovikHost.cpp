@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <condition_variable>
-#include <ctime>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "Clock.h"
@@ -17,6 +17,7 @@
 #include "RecordPool.h"
 #include "RovikUtil.h"
 #include "Slot.h"
+#include "TimeValue.h"
 #include "Words.h"
 
 namespace drovane {
@@ -26,6 +27,15 @@ namespace {
 
 // The loop looks again then; it keeps a delay of years within the 32-bit time_t of small machines.
 constexpr std::int64_t kLongestSleep = 3600 * Clock::kNanosecondsPerSecond;
+
+// For want of memory one that is short enough to need none.
+CommandResult stoppedResult() {
+  try {
+    return {false, "the rovik is being stopped"};
+  } catch (const std::bad_alloc&) {
+    return {false, "it is stopped"};
+  }
+}
 
 }  // namespace
 
@@ -98,9 +108,11 @@ void RovikHost::interrupt() {
 
 void RovikHost::setWarning(std::string text) {
   Log::makeOneLine(text);
+  timeval now{};
+  TimeValue::getCurrentSystemTime(now);
   MutexLock guard(lock);
   warning = std::move(text);
-  warning_time = std::time(nullptr);
+  warning_time = now.tv_sec;
   ++warning_count;
 }
 
@@ -141,14 +153,13 @@ CommandResult RovikHost::command(std::vector<std::string> words) {
     CommandResult result;
   };
   const auto turn = std::make_shared<Turn>();
-  const auto waiting =
-      std::make_shared<Command>(std::move(words), [turn](const CommandResult& result) {
-        const std::lock_guard guard(turn->lock);
-        turn->result = result;
-        turn->done = true;
-        turn->over.notify_one();
-      });
-  if (!post(waiting)) return {false, "the rovik is being stopped"};
+  const auto waiting = std::make_shared<Command>(std::move(words), [turn](CommandResult result) {
+    const std::lock_guard guard(turn->lock);
+    turn->result = std::move(result);
+    turn->done = true;
+    turn->over.notify_one();
+  });
+  if (!post(waiting)) return stoppedResult();
   std::unique_lock guard(turn->lock);
   if (!turn->over.wait_for(guard, kPatience, [&] { return turn->done; }) && waiting->withdraw())
     return {false, "no turn within 5 s: the rovik is busy"};
@@ -174,16 +185,26 @@ void RovikHost::acceptCommands() {
   running.store(true, std::memory_order_release);
 }
 
+// None when no command waits.
+std::shared_ptr<Command> RovikHost::nextCommand() {
+  MutexLock guard(lock);
+  std::shared_ptr<Command> next;
+  if (!commands.empty()) {
+    next = std::move(commands.front());
+    commands.pop_front();
+  }
+  commands_wait.store(!commands.empty(), std::memory_order_release);
+  return next;
+}
+
 void RovikHost::endCommands() {
-  std::deque<std::shared_ptr<Command>> refused;
   {
     MutexLock guard(lock);
     accepting = false;
-    refused.swap(commands);
   }
   running.store(false, std::memory_order_release);
-  for (const auto& command : refused)
-    if (command->withdraw()) command->done({false, "the rovik is being stopped"});
+  while (const auto command = nextCommand())
+    if (command->withdraw()) command->done(stoppedResult());
 }
 
 // The one place that tells a person, whatever the plug-in, that a link has come up or gone.
@@ -195,19 +216,28 @@ void RovikHost::publishState() {
 }
 
 void RovikHost::publishDescription() {
-  const Json json(cJSON_CreateObject());
-  runSlot([&] { rovik.getDescription(json.get()); },
-          [this](const char* what) { exceptionIn("getDescription", what); });
-  std::string text = jsonLine(json.get());
+  const auto report = [this](const char* what) { exceptionIn("getDescription", what); };
+  std::string text;
+  runSlot(
+      [&] {
+        const Json json(cJSON_CreateObject());
+        runSlot([&] { rovik.getDescription(json.get()); }, report);
+        text = jsonLine(json.get());
+      },
+      report);
   MutexLock guard(lock);
-  description = std::move(text);
+  if (!text.empty()) description = std::move(text);
   type = rovik.type;
 }
 
 std::string RovikHost::exceptionIn(const char* slot, const char* what) {
-  Drovane::global.log(LOG_LEVEL_ERROR, mailbox->id, mailbox->name, "exception in %s: %s\n", slot,
-                      what);
-  setWarning(RovikUtil::vsnprintftostr("exception in %s: %s\n", slot, what));
+  try {
+    Drovane::global.log(LOG_LEVEL_ERROR, mailbox->id, mailbox->name, "exception in %s: %s\n", slot,
+                        what);
+    setWarning(RovikUtil::vsnprintftostr("exception in %s: %s\n", slot, what));
+  } catch (const std::bad_alloc&) {
+    Log::global().countLost();
+  }
   return "ERROR (EXCEPTION)";
 }
 

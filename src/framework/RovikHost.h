@@ -99,10 +99,13 @@ class RovikHost {
   void answerCommandRequest(const MMCmdRequest& request);
   void dispatchCommands();
   void dispatchTimer();
+  void pass();
+  CommandResult outcome(const std::vector<std::string>& words);
   template <typename Slot>
   void slot(const char* slot_name, Slot body);
   void acceptCommands();
   void endCommands();
+  std::shared_ptr<Command> nextCommand();
 
   // Sleeps, after waker->aboutToSleep, until the waker rings, `link` is readable (-1: none) or the
   // time is over (negative: never). True when the link is readable.

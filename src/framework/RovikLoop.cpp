@@ -1,6 +1,12 @@
 // The event loop of a rovik: wait for the link, the timer, messages and commands, and call the
 // slot of each. Everything a rovik does after its start happens below run().
+#include <exception>
+#include <memory>
+#include <new>
+
 #include "Clock.h"
+#include "Drovane.h"
+#include "Log.h"
 #include "RecordPool.h"
 #include "RovikHost.h"
 #include "Slot.h"
@@ -8,6 +14,18 @@
 
 namespace drovane {
 namespace {
+
+// A message in hand, which goes back whatever happens.
+class Delivered {
+ public:
+  explicit Delivered(RovikMessage* its_msg) : msg(its_msg) {}
+  ~Delivered() { RecordPool::release(msg); }
+  Delivered(const Delivered&) = delete;
+  Delivered& operator=(const Delivered&) = delete;
+
+ private:
+  RovikMessage* const msg;
+};
 
 // A batch larger than this gives its memory back after it is done.
 constexpr std::size_t kKeptBatch = 4 * Mailbox::kHighWater;
@@ -21,15 +39,25 @@ int RovikHost::run() {
   }
   publishDescription();
   rovik.timer.set(rovik.period, true);
-  while (!rovik.stopping()) {
+  while (!rovik.stopping()) pass();
+  publishState();
+  endCommands();
+  return 0;
+}
+
+// What the framework does around the slots may fail for want of memory too. The event in hand is
+// over then; the rovik goes on.
+void RovikHost::pass() {
+  try {
     if (waitForEvents()) dispatchLink();
     dispatchMessages();
     dispatchCommands();
     dispatchTimer();
+  } catch (const std::exception& error) {
+    Drovane::global.log(LOG_LEVEL_ERROR, kFrameworkId, kFrameworkName,
+                        "rovik %d %s: exception in its loop: %s\n", mailbox->id,
+                        mailbox->name.c_str(), error.what());
   }
-  publishState();
-  endCommands();
-  return 0;
 }
 
 // True when the link is readable. While a receiver of this rovik's messages has not caught up, the
@@ -97,14 +125,15 @@ void RovikHost::dispatchMessages() {
 }
 
 void RovikHost::dispatchMessage(RovikMessage* msg) {
+  const Delivered here(msg);
   slot("selectMM", [&] { rovik.selectMM(msg); });
   if (msg->type == MM_CMD_REQUEST) answerCommandRequest(static_cast<const MMCmdRequest&>(*msg));
-  RecordPool::release(msg);
 }
 
 void RovikHost::answerCommandRequest(const MMCmdRequest& request) {
   const WordsOrError line = splitWords(request.cmd);
-  auto* response = static_cast<MMCmdResponse*>(RovikMessage::create(MM_CMD_RESPONSE));
+  const std::unique_ptr<MMCmdResponse, void (*)(RovikMessage*)> response(
+      static_cast<MMCmdResponse*>(RovikMessage::create(MM_CMD_RESPONSE)), RovikMessage::destroy);
   if (response == nullptr) return;
   response->seqnr = request.seqnr;
   response->dst = request.src;
@@ -112,21 +141,21 @@ void RovikHost::answerCommandRequest(const MMCmdRequest& request) {
   const InsideRovik here(this);
   // A request without a sender has nobody to answer to: the response would reach everybody.
   if (request.src != NO_DESTINATION) outbox.send(*response);
-  RovikMessage::destroy(response);
+}
+
+// Whoever waits for the reply gets one in any case; this one is short enough to need no memory.
+CommandResult RovikHost::outcome(const std::vector<std::string>& words) {
+  try {
+    return {true, interpret(words)};
+  } catch (const std::bad_alloc&) {
+    return {true, "ERROR (MEMORY)"};
+  }
 }
 
 void RovikHost::dispatchCommands() {
   while (commands_wait.load(std::memory_order_acquire) && !rovik.stopping()) {
-    std::shared_ptr<Command> command;
-    {
-      MutexLock guard(lock);
-      if (!commands.empty()) {
-        command = std::move(commands.front());
-        commands.pop_front();
-      }
-      commands_wait.store(!commands.empty(), std::memory_order_release);
-    }
-    if (command && command->begin()) command->done({true, interpret(command->words)});
+    const auto command = nextCommand();
+    if (command && command->begin()) command->done(outcome(command->words));
   }
 }
 

@@ -3,7 +3,11 @@
 #include <signal.h>
 
 #include <cstddef>
+#include <new>
 #include <string>
+
+#include "Log.h"
+#include "RecordPool.h"
 
 namespace {
 
@@ -27,6 +31,17 @@ class SignalsBlocked {
   sigset_t before{};
 };
 
+// What a thread has of its own is made when it is first used, and the C library ends the process
+// when it has no memory for that: better at the start than in the middle of a shortage.
+void prepare() {
+  try {
+    drovane::Log::prepareThread();
+    drovane::RecordPool::prepareThread();
+  } catch (const std::bad_alloc&) {
+    // Each is tried again when it is used.
+  }
+}
+
 }  // namespace
 
 Thread::Thread() : handle(), started(false), asked(false) {}
@@ -34,6 +49,7 @@ Thread::Thread() : handle(), started(false), asked(false) {}
 Thread::~Thread() = default;
 
 void* Thread::body(void* self) {
+  prepare();
   static_cast<Thread*>(self)->main();
   return nullptr;
 }

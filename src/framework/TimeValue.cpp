@@ -2,8 +2,10 @@
 
 #include <time.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 namespace {
 
@@ -53,7 +55,13 @@ void TimeValue::setTbuf() {
                 static_cast<int>(whole.tv_usec / 1000));
 }
 
-void TimeValue::getCurrentSystemTime(timeval& now) { gettimeofday(&now, nullptr); }
+// It cannot be told where a time_t has 32 bits and the year 2038 has passed. The last moment that
+// could be told is better than none: nothing gets older than what was before.
+void TimeValue::getCurrentSystemTime(timeval& now) {
+  if (gettimeofday(&now, nullptr) == 0) return;
+  now.tv_sec = std::numeric_limits<std::int32_t>::max();
+  now.tv_usec = kMicrosecondsPerSecond - 1;
+}
 
 bool operator>(const TimeValue& a, const TimeValue& b) {
   if (a.tv_sec != b.tv_sec) return a.tv_sec > b.tv_sec;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <lua.hpp>
+#include <new>
 #include <utility>
 
 #include "Drovane.h"
@@ -16,8 +17,14 @@
 int GenericNet::selectFD() {
   if (fd < 0 || !FD_ISSET(fd, &readfds)) return 0;
   const unsigned int epoch = link_epoch;
-  do takeIn(readLink());
-  while (link_epoch == epoch && decryptedWaits());
+  try {
+    do takeIn(readLink());
+    while (link_epoch == epoch && decryptedWaits());
+  } catch (const std::bad_alloc&) {
+    // Some units may have been handed over already; none is handed over twice.
+    emptyInbuf();
+    throw;
+  }
   return 0;
 }
 

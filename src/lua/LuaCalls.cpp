@@ -1,6 +1,7 @@
 // Calls into the script: event functions, the delay that they return, and commands.
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <string>
 
 #include "Drovane.h"
@@ -52,10 +53,15 @@ LuaRovik* LuaRovik::objectOf(lua_State* L) {
 }
 
 void LuaRovik::raiseWith(const ScriptEvent& event, PushArguments push, void* context) {
+  const int height = lua_gettop(lua_state);
   try {
     callEvent(event, push, context);
   } catch (const script::Panic&) {
-    report("lua function error: %s\n", script::errorText(lua_state).c_str());
+    script::dropUnfinished(lua_state, height);
+    report("lua function error: %s\n", script::panicText(lua_state).c_str());
+  } catch (const std::bad_alloc&) {
+    lua_settop(lua_state, std::min(height, lua_gettop(lua_state)));
+    throw;
   }
 }
 
@@ -101,11 +107,16 @@ void LuaRovik::armTimer(int microseconds, int seconds) {
 }
 
 std::string LuaRovik::callCommand(char** arg) {
+  const int height = lua_gettop(lua_state);
   try {
     return runCommand(arg);
   } catch (const script::Panic&) {
-    report("lua function error: %s\n", script::errorText(lua_state).c_str());
+    script::dropUnfinished(lua_state, height);
+    report("lua function error: %s\n", script::panicText(lua_state).c_str());
     return "ERROR (LUA FUNCTION ERROR)";
+  } catch (const std::bad_alloc&) {
+    lua_settop(lua_state, std::min(height, lua_gettop(lua_state)));
+    throw;
   }
 }
 

@@ -144,7 +144,7 @@ int LuaRovik::prepLua() {
     registerFunctions();
     return loadScript();
   } catch (const script::Panic&) {
-    report("lua file load error: %s\n", script::errorText(lua_state).c_str());
+    report("lua file load error: %s\n", script::panicText(lua_state).c_str());
     return abortOpening();
   }
 }
@@ -154,7 +154,7 @@ int LuaRovik::initLua() {
   try {
     return runInit();
   } catch (const script::Panic&) {
-    report("lua init error: %s\n", script::errorText(lua_state).c_str());
+    report("lua init error: %s\n", script::panicText(lua_state).c_str());
     return abortOpening();
   }
 }

@@ -40,6 +40,14 @@ std::string errorText(lua_State* L) {
   return std::string("(error is a ") + luaL_typename(L, -1) + " value)";
 }
 
+std::string panicText(lua_State* L) {
+  return lua_status(L) == LUA_ERRMEM ? "not enough memory" : errorText(L);
+}
+
+void dropUnfinished(lua_State* L, int height) {
+  if (lua_status(L) == LUA_ERRMEM && lua_gettop(L) > height) lua_settop(L, height);
+}
+
 std::uint32_t toUint32(lua_Number number) {
   constexpr lua_Number kLimit = 9223372036854775808.0;  // 2^63
   if (!(std::abs(number) < kLimit)) return 0;

@@ -7,8 +7,8 @@
 
 namespace script {
 
-// Thrown where an error is raised outside every protected call. The error value is on top of the
-// stack.
+// Thrown where an error is raised outside every protected call. See
+// panicText.
 struct Panic {};
 
 // Installs the handler that throws Panic; without it the interpreter ends the process.
@@ -21,6 +21,11 @@ bool pushGlobal(lua_State* L, const char* name);
 
 // The error on top of the stack as text; never null.
 std::string errorText(lua_State* L);
+// The error of a Panic as text. Where memory is missing there is no value on the stack.
+std::string panicText(lua_State* L);
+// After a Panic for want of memory: drops what the step that failed has left above this height. It
+// would be taken for a value of the script's later.
+void dropUnfinished(lua_State* L, int height);
 
 // A number as 32 bits, the same on every machine: what is behind the point is cut off, negative
 // numbers are two's complement, larger ones keep their low 32 bits; what is no number of at most 63
