@@ -22,3 +22,7 @@ else()
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
 endif()
 add_link_options(-Wl,-z,relro,-z,now)
+
+if(DROVANE_COVERAGE)
+  include(Coverage)
+endif()

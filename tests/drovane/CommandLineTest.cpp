@@ -77,6 +77,21 @@ TEST(CommandLine, LooksForTheControlSocketInTheRuntimeFolder) {
   EXPECT_THAT(done.errors, HasSubstr("no running drovane at " + (folder / "drovane.sock") + ":"));
 }
 
+// What gets as far as this was understood.
+TEST(CommandLine, ANegativeNumberIsAValue) {
+  for (const char* value : {"-5", "-.5", "-0"})
+    EXPECT_EQ(Program().ask({"send", "5_1_0", "float", value}).status, 3) << value;
+}
+
+TEST(CommandLine, BehindTwoDashesEverythingIsAValue) {
+  EXPECT_EQ(Program().ask({"send", "--actuator", "--", "5_1_0", "string", "--to"}).status, 3);
+  EXPECT_EQ(Program().ask({"send", "--", "5_1_0", "string", "--"}).status, 3);
+}
+
+TEST(CommandLine, AnOptionWithoutItsValueIsWrongUsage) {
+  EXPECT_EQ(Program().ask({"status", "--control"}).status, 2);
+}
+
 TEST(CommandLine, OptionForTheControlSocketGoesFirst) {
   const Finished done = Program().ask({"status", "--control", "/nowhere/socket"});
   EXPECT_EQ(done.status, 3);

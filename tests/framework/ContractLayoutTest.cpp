@@ -2,25 +2,15 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <type_traits>
 #include <vector>
 
 #include "framework/Identity.h"
 #include "support/Message.h"
+#include "support/SlotOf.h"
 #include "support/TestRovik.h"
 
 namespace {
-
-// Where a virtual operation stands in the table: in the Itanium C++ ABI its member pointer begins
-// with 1 plus its offset in bytes, on ARM with the offset alone.
-template <typename Member>
-std::size_t slotOf(Member member) {
-  std::uintptr_t offset = 0;
-  static_assert(sizeof(member) >= sizeof(offset));
-  std::memcpy(&offset, &member, sizeof offset);
-  return (offset & ~std::uintptr_t{1}) / sizeof(void*);
-}
 
 TEST(ContractLayoutTest, TheSlotsStandInTheirOrder) {
   constexpr std::size_t kDestructors = 2;
@@ -93,6 +83,33 @@ TEST(ContractLayoutTest, ThePayloadFieldsStandInTheirOrder) {
                &actuator->value_type, &actuator->value_i, &actuator->value_f, &actuator->value_s}));
   const auto note = newMessage<MMMsg>(MM_MSG);
   EXPECT_TRUE(inOrder({&note->route, &note->channel, &note->msg}));
+}
+
+// All of them are of one type: a number of 32 bits without a sign.
+template <typename... Numbers>
+constexpr bool areUint32 = (std::is_same_v<Numbers, std::uint32_t> && ...);
+
+TEST(ContractLayoutTest, TheNumbersOfARecordHave32Bits) {
+  using Header = RovikMessage;
+  static_assert(areUint32<decltype(Header::type), decltype(Header::seqnr), decltype(Header::ident),
+                          decltype(Header::flags), decltype(Header::src), decltype(Header::dst),
+                          decltype(Header::last)>);
+  static_assert(areUint32<decltype(MMData::network_type), decltype(MMData::network_id),
+                          decltype(MMData::node_id), decltype(MMData::value_id),
+                          decltype(MMData::tv_sec), decltype(MMData::tv_usec),
+                          decltype(MMData::value_type), decltype(MMData::value_i)>);
+  using Request = MMDataRequest;
+  static_assert(areUint32<decltype(Request::network_id), decltype(Request::node_id),
+                          decltype(Request::value_id), decltype(Request::value_type),
+                          decltype(Request::req_op), decltype(Request::from_tv_sec),
+                          decltype(Request::from_tv_usec), decltype(Request::to_tv_sec),
+                          decltype(Request::to_tv_usec)>);
+  using Actuator = MMActuatorRequest;
+  static_assert(areUint32<decltype(Actuator::network_id), decltype(Actuator::node_id),
+                          decltype(Actuator::value_id), decltype(Actuator::value_type),
+                          decltype(Actuator::value_i), decltype(MMMsg::channel)>);
+  static_assert(std::is_same_v<decltype(MMData::value_f), float> &&
+                std::is_same_v<decltype(Actuator::value_f), float> && sizeof(float) == 4);
 }
 
 TEST(ContractLayoutTest, ANewRovikHasItsIdentityAndItsDefaults) {

@@ -213,6 +213,15 @@ TEST(MessageTextTest, ANotANumberSurvivesTheWayThereAndBack) {
   EXPECT_NE(static_cast<MMData&>(*copy).value_f, static_cast<MMData&>(*copy).value_f);
 }
 
+TEST(MessageTextTest, ARecordIsMadeFromAJsonObjectWhichStaysTheCallers) {
+  const Json json(boilerText()->toJSON());
+  const std::string before = jsonLine(json.get());
+  const Owned<RovikMessage> msg(RovikMessage::create(json.get()));
+  ASSERT_NE(msg, nullptr);
+  EXPECT_EQ(line(*msg), before);
+  EXPECT_EQ(jsonLine(json.get()), before);
+}
+
 TEST(MessageTextTest, WhatIsNotGivenIsAsInANewRecord) {
   const auto msg = parsed(R"({"type":"MM_MSG","msg":"hi"})");
   ASSERT_NE(msg, nullptr);

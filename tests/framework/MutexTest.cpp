@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <type_traits>
 
 #include "Mutex.h"
 
@@ -44,6 +45,11 @@ TEST(MutexTest, TheGuardLetsGoAtTheEndOfItsScope) {
     if (locked) unlockUnchecked(mutex);
   }).join();
   EXPECT_TRUE(locked);
+}
+
+TEST(MutexTest, NeitherALockNorItsGuardCanBeCopied) {
+  static_assert(!std::is_copy_constructible_v<Mutex> && !std::is_copy_assignable_v<Mutex>);
+  static_assert(!std::is_copy_constructible_v<MutexLock> && !std::is_copy_assignable_v<MutexLock>);
 }
 
 }  // namespace

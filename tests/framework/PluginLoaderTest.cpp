@@ -97,6 +97,18 @@ TEST(PluginLoaderTest, RefusesAMakerThatThrows) {
             shelved("throwing_maker") + ": its maker threw: the device is on fire");
 }
 
+TEST(PluginLoaderTest, RefusesAMakerThatThrowsWhatIsNoException) {
+  EXPECT_EQ(errorOf("throws_a_number"),
+            shelved("throws_a_number") + ": its maker threw something unknown");
+}
+
+TEST(PluginLoaderTest, LooksIntoTheFolderOfTheUserLast) {
+  const auto folders = PluginLoader::standardFolders("/of/the/user");
+  ASSERT_EQ(folders.size(), 4U);
+  EXPECT_EQ(folders[3], "/of/the/user");
+  EXPECT_EQ(PluginLoader::standardFolders("").size(), 3U);
+}
+
 TEST(PluginLoaderTest, GoesOnAfterEveryBadPlugIn) {
   PluginLoader loader({kShelf});
   for (const char* bad : {"none", "no_maker", "null_maker", "throwing_maker", "unresolved"})

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "RovikUtil.h"
+#include "framework/Regex.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -151,6 +152,19 @@ TEST(RegexReplaceTest, NoTextStallsTheMatcher) {
 TEST(RegexErrorTest, SaysWhatIsWrong) {
   EXPECT_EQ(RovikUtil::regexError("^T=(.*)$"), "");
   EXPECT_EQ(RovikUtil::regexError("("), "missing ): (");
+}
+
+TEST(RegexSearchTest, AnInvalidExpressionFindsNothing) {
+  drovane::RegexGroups groups;
+  EXPECT_FALSE(drovane::regexSearch(*drovane::compiledRegex("(only here"), "(only here", groups));
+}
+
+TEST(RegexSearchTest, OnlyDigitsBehindABackslashAreGroups) {
+  drovane::RegexGroups groups;
+  groups.fill("g");
+  std::string text;
+  drovane::fillTemplate(text, "\\/\\0\\9\\:", groups);
+  EXPECT_EQ(text, "\\/gg\\:");
 }
 
 }  // namespace

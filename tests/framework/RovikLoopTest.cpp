@@ -366,6 +366,18 @@ TEST(RovikLoopTest, NoSlotIsCalledAfterStop) {
   EXPECT_EQ(rovik->events(), before);
 }
 
+TEST(RovikLoopTest, AMessageIsReleasedOnceSelectMMIsDoneWithItOrHasThrown) {
+  const auto before = drovane::RecordPool::inUse();
+  const auto rovik = TestRovik::make(1, "boiler");
+  rovik->on_message = [](RovikMessage* msg) {
+    if (textOf(*msg) == "bad") throw std::runtime_error("bad message");
+  };
+  rovik->run();
+  for (const char* text : {"good", "bad", "good"}) rovik->messageSnd(to(1, newNote(text)).get());
+  EXPECT_TRUE(rovik->waitForMessages(2));
+  EXPECT_TRUE(eventually([&] { return drovane::RecordPool::inUse() == before; }));
+}
+
 TEST(RovikLoopTest, MessagesThatWaitAtTheEndAreReleased) {
   const auto before = drovane::RecordPool::inUse();
   {

@@ -116,6 +116,15 @@ SSL_CTX* WRAP(SSL_CTX_new)(const SSL_METHOD* method) {
   return FailingCall::strikes("SSL_CTX_new") ? nullptr : REAL(SSL_CTX_new)(method);
 }
 
+long REAL(SSL_CTX_ctrl)(SSL_CTX*, int, long, void*);
+long WRAP(SSL_CTX_ctrl)(SSL_CTX* context, int command, long number, void* argument) {
+  const bool lowest = command == SSL_CTRL_SET_MIN_PROTO_VERSION;
+  const bool highest = command == SSL_CTRL_SET_MAX_PROTO_VERSION;
+  if (lowest && FailingCall::strikes("SSL_CTX_set_min_proto_version")) return 0;
+  if (highest && FailingCall::strikes("SSL_CTX_set_max_proto_version")) return 0;
+  return REAL(SSL_CTX_ctrl)(context, command, number, argument);
+}
+
 int REAL(SSL_CTX_load_verify_locations)(SSL_CTX*, const char*, const char*);
 int WRAP(SSL_CTX_load_verify_locations)(SSL_CTX* context, const char* file, const char* folder) {
   if (FailingCall::strikes("SSL_CTX_load_verify_locations")) return 0;
@@ -125,6 +134,11 @@ int WRAP(SSL_CTX_load_verify_locations)(SSL_CTX* context, const char* file, cons
 SSL* REAL(SSL_new)(SSL_CTX*);
 SSL* WRAP(SSL_new)(SSL_CTX* context) {
   return FailingCall::strikes("SSL_new") ? nullptr : REAL(SSL_new)(context);
+}
+
+int REAL(SSL_set_fd)(SSL*, int);
+int WRAP(SSL_set_fd)(SSL* session, int descriptor) {
+  return FailingCall::strikes("SSL_set_fd") ? 0 : REAL(SSL_set_fd)(session, descriptor);
 }
 
 X509* REAL(SSL_get1_peer_certificate)(const SSL*);

@@ -41,6 +41,14 @@ TEST_F(CommandTest, NoResultIsOk) {
   EXPECT_EQ(0, height());
 }
 
+TEST_F(CommandTest, NoResultIsOkWhateverIsLeftAtTheBottom) {
+  script("function f() end");
+  for (const char* bottom : {"1", "'text'", "{}", "nil, true"}) {
+    leave(bottom);
+    EXPECT_EQ("OK", net->command({"f"})) << bottom;
+  }
+}
+
 TEST_F(CommandTest, OneTextOrNumberIsTheReply) {
   script(
       "function text() return 'hello' end function number() return 21.5 end "

@@ -79,6 +79,28 @@ TEST_F(LifecycleTest, InitGetsTheRovikItself) {
   lua_settop(net->lua_state, 0);
 }
 
+TEST_F(LifecycleTest, TheScriptIsRunWithoutArgumentsAndInitWithOne) {
+  script(
+      "ran = select('#', ...) local init = ROVIK_INIT "
+      "function ROVIK_INIT(...) inits = select('#', ...) init(...) end");
+  EXPECT_EQ("0 1", lua("return ran, inits"));
+}
+
+TEST_F(LifecycleTest, AScriptThatIsOnlyBeingRunFindsEverythingAlready) {
+  script("found = {INSTROOT, network_id, type(sndIO), type(sndDATA), type(string.rep)}");
+  EXPECT_EQ(scripts.root() + ",5,function,function,function",
+            lua("return table.concat(found, ',')"));
+}
+
+TEST_F(LifecycleTest, APrecompiledScriptIsLoadedToo) {
+  script("function ROVIK_INIT(me) m_p = me value = 7 end");
+  EXPECT_EQ("", lua("local file = io.open(INSTROOT .. '/lua/precompiled.lua', 'wb') "
+                    "file:write(string.dump(loadfile(INSTROOT .. '/lua/test.lua'))) file:close()"));
+  net->command({"luafile", "precompiled.lua"});
+  ASSERT_EQ("OK", net->command({"luarestart"})) << warning();
+  EXPECT_EQ("7", lua("return value"));
+}
+
 TEST_F(LifecycleTest, OpeningLeavesNothingOnTheStack) {
   script("function ROVIK_INIT(me) m_p = me return 1, 2, 3 end return 4");
   EXPECT_EQ(0, height());
@@ -100,6 +122,16 @@ TEST_F(LifecycleTest, TheResultOfPreparingTellsNewFromOpen) {
   EXPECT_EQ(1, net->prepLua());
   EXPECT_EQ(0, net->initLua());
   EXPECT_EQ(0, net->openLua());
+}
+
+TEST_F(LifecycleTest, TheResultOfOpeningTellsFailureAndClosingAlwaysSucceeds) {
+  net->command({"luafile", "none.lua"});
+  EXPECT_EQ(-1, net->prepLua());
+  EXPECT_EQ(-1, net->openLua());
+  EXPECT_EQ(0, net->closeLua());
+  script("");
+  EXPECT_EQ(0, net->closeLua());
+  EXPECT_EQ(nullptr, net->lua_state);
 }
 
 TEST_F(LifecycleTest, LuacloseForgetsEverything) {
@@ -287,6 +319,17 @@ TEST_F(LifecycleTest, FinalizersCanStillCallWhileLuacloseRuns) {
   EXPECT_THAT(traffic.takeTexts(), ElementsAre("MM_DATA 5_1_0 = 1 to everybody"));
   EXPECT_EQ(1U, log.count("LUA: bye"));
   EXPECT_EQ(nullptr, net->lua_state);
+}
+
+TEST_F(LifecycleTest, EveryLineCarriesTheIdAndTheNameOfTheRovik) {
+  script("print('x') sndDATA() function ROVIK_PERIODIC() error('y') end");
+  net->selectTI();
+  net->command({"luaopen"});
+  EXPECT_GE(log.lines().size(), 5U);
+  for (const auto& line : log.lines()) {
+    EXPECT_EQ(5, line.id) << line;
+    EXPECT_EQ("net", line.name) << line;
+  }
 }
 
 TEST_F(LifecycleTest, AThousandRestartsLeaveNothingBehind) {

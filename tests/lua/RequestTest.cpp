@@ -2,12 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 
 #include "ScriptTest.h"
 #include "framework/Clock.h"
 #include "framework/RecordPool.h"
 #include "support/Eventually.h"
+#include "support/TestRovik.h"
 
 namespace {
 
@@ -179,6 +181,68 @@ TEST_F(RequestTest, AnAnswerOfTheWrongKindIsTurnedAway) {
   scriptThatEvaluates();
   EXPECT_EQ("nil", ask("(getCMD('nothing', 9))"));
   EXPECT_THAT(newLines(), Contains(kNoCmd));
+}
+
+// A rovik 9 "meter" that is no script: it answers a request as the test says.
+std::unique_ptr<TestRovik> oracle(const std::function<Owned<RovikMessage>(RovikMessage&)>& answer) {
+  auto rovik = TestRovik::make(9, "meter");
+  TestRovik& self = *rovik;
+  self.on_message = [&self, answer](RovikMessage* msg) {
+    const auto reply = answer(*msg);
+    reply->dst = msg->src;
+    reply->seqnr = msg->seqnr;
+    self.messageSnd(reply.get());
+  };
+  self.run();
+  return rovik;
+}
+
+TEST_F(RequestTest, GetDataTurnsACommandResponseAway) {
+  scriptThatEvaluates();
+  const auto meter9 = oracle(
+      [](RovikMessage&) { return Owned<RovikMessage>(RovikMessage::create(MM_CMD_RESPONSE)); });
+  const auto in_use = drovane::RecordPool::inUse();
+  EXPECT_EQ("nil", ask("(getDATA('9_1_0', 'int', 9))"));
+  EXPECT_THAT(newLines(), ElementsAre("3 LUA: DATA_REQUEST 9_1_0 to 9", kNoData));
+  EXPECT_TRUE(eventually([&] {
+    traffic.take();
+    return drovane::RecordPool::inUse() == in_use;
+  }));
+}
+
+TEST_F(RequestTest, GetDataAsksForACurrentValueAndNothingMore) {
+  scriptThatEvaluates();
+  std::string asked;
+  const auto meter9 = oracle([&asked](RovikMessage& msg) {
+    const auto& request = static_cast<MMDataRequest&>(msg);
+    asked = request.type == MM_DATA_REQUEST ? static_cast<MMDataRequest&>(msg).getKey() : "?";
+    for (const std::uint32_t number :
+         {request.value_type, request.req_op, request.from_tv_sec, request.from_tv_usec,
+          request.to_tv_sec, request.to_tv_usec, request.flags, request.ident})
+      asked += ' ' + std::to_string(number);
+    return Owned<RovikMessage>(newText("x").release());
+  });
+  EXPECT_EQ("x", ask("getDATA('9_1_0', 'string', 9).value"));
+  EXPECT_EQ("9_1_0 2 0 0 0 0 0 0 0", asked);
+}
+
+TEST_F(RequestTest, EverybodyCanBeAskedAndTheFirstAnswerCounts) {
+  runMeter(kAnswers);
+  scriptThatEvaluates();
+  EXPECT_EQ("OK", ask("getCMD('nothing', 'BC').rsp"));
+  EXPECT_THAT(newLines(), ElementsAre("3 LUA: CMD_REQUEST nothing as broadcast", kReply));
+  EXPECT_EQ("230.5",
+            ask("getMM({type='MM_DATA_REQUEST', key='9_1_0', value_type='float'}, 'BC').value"));
+  EXPECT_THAT(newLines(), ElementsAre("3 LUA: MM_DATA_REQUEST 9_1_0 (float) from 0 to everybody "
+                                      "#0 as broadcast",
+                                      kReply));
+}
+
+TEST_F(RequestTest, NoAnswerIsNoWarning) {
+  for (const char* call : {"getDATA()", "getDATA('9_1_0', 'int', 'nobody')", "getCMD('x', {})",
+                           "getMM({type='MM_MSG'}, 9)"})
+    EXPECT_EQ("", lua(call)) << call;
+  EXPECT_EQ("", warning());
 }
 
 // Lets time pass until the answer is there.

@@ -52,6 +52,7 @@ class ScriptRovik final : public GenericNet {
   using GenericNet::initLua;
   using GenericNet::lua_state;
   using GenericNet::luafile;
+  using GenericNet::luaLock;
   using GenericNet::name;
   using GenericNet::network_id;
   using GenericNet::openGeneric;

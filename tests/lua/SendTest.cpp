@@ -81,6 +81,22 @@ TEST_F(SendTest, ATextOfOneMegabyteIsWhole) {
   EXPECT_EQ(std::string(1000000, 'x'), traffic.takeOne<MMData>(MM_DATA)->value_s);
 }
 
+TEST_F(SendTest, OnlyTheValueOfItsTypeIsSet) {
+  struct {
+    const char* type;
+    std::uint32_t as_int;
+    float as_float;
+    const char* as_string;
+  } const kCases[] = {{"int", 12, 0, ""}, {"float", 0, 12, ""}, {"string", 0, 0, "12"}};
+  for (const auto& each : kCases) {
+    lua("sndDATA('5_1_0', '" + std::string(each.type) + "', '12', 6)");
+    const auto data = traffic.takeOne<MMData>(MM_DATA);
+    EXPECT_EQ(each.as_int, data->value_i) << each.type;
+    EXPECT_EQ(each.as_float, data->value_f) << each.type;
+    EXPECT_EQ(each.as_string, data->value_s) << each.type;
+  }
+}
+
 TEST_F(SendTest, TheDestinationIsANumberEverybodyOrAName) {
   lua("sndDATA('5_1_0', 'int', 1, 6)");
   auto data = traffic.takeOne<MMData>(MM_DATA);
@@ -219,6 +235,17 @@ TEST_F(SendTest, SndMMSendsWhatTheTableDescribes) {
              {"MM_CMD_RESPONSE \"OK\" to lamp"});
 }
 
+TEST_F(SendTest, SndMMSendsEveryKind) {
+  const std::string value = "', key='5_1_0', value_type='int', value=1}, 6)";
+  for (const char* type : {"MM_DATA", "MM_DATA_REQUEST", "MM_ACTUATOR_REQUEST", "MM_CMD_REQUEST",
+                           "MM_CMD_RESPONSE", "MM_MSG"})
+    EXPECT_EQ("", lua("sndMM({type='" + std::string(type) + value));
+  EXPECT_THAT(traffic.takeTexts(),
+              ElementsAre("MM_DATA 5_1_0 = 1 to 6", "MM_DATA_REQUEST 5_1_0 (int) to 6",
+                          "MM_ACTUATOR_REQUEST 5_1_0 = 1 to 6", "MM_CMD_REQUEST \"\" to 6",
+                          "MM_CMD_RESPONSE \"\" to 6", "MM_MSG channel 0 \"\" to 6"));
+}
+
 TEST_F(SendTest, TheTextOfSndMMIsCutTo511Characters) {
   lua("sndMM({type='MM_MSG', msg=('x'):rep(1000)}, 6)");
   const std::string text = "MM_MSG channel 0 \"" + std::string(493, 'x');
@@ -243,6 +270,15 @@ TEST_F(SendTest, WhatIsSentIsStampedWithItsSender) {
   EXPECT_EQ("net", data->src_s);
   EXPECT_NE(0U, data->seqnr);
   EXPECT_GT(data->tv_sec, 1'700'000'000U);
+}
+
+TEST_F(SendTest, ARefusedCallIsNoWarning) {
+  for (const char* call :
+       {"sndDATA()", "sndDATA('x', 'int', 1, 6)", "sndDATA('5_1_0', 'x', 1, 6)",
+        "sndDATA('5_1_0', 'int', {}, 6)", "sndDATA('5_1_0', 'int', 1, {})", "sndCMD({}, 6)",
+        "sndMSG({}, 'x')", "sndMSG(1, {})", "sndMM(1, 6)", "sndMM({}, 6)"})
+    lua(call);
+  EXPECT_EQ("", warning());
 }
 
 TEST_F(SendTest, ADestinationThatNobodyHasIsNoErrorOfTheScript) {

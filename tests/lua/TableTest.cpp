@@ -133,6 +133,11 @@ TEST_F(PushTest, ACommandItsResponseAndANoteHaveTheirTexts) {
       pushed(*note));
 }
 
+TEST_F(PushTest, RcvIsCalledWithOneTableAndNothingElse) {
+  lua("function ROVIK_RCV(...) seen = select('#', ...) .. type((...)) return 1 end");
+  EXPECT_EQ("1table", pushed(*newNote("x")));
+}
+
 TEST_F(PushTest, AMessageWithoutAKindIsReportedAndNotShown) {
   const auto empty = newMessage<RovikMessage>(MM_EMPTY);
   EXPECT_EQ("nil", pushed(*empty));
@@ -348,6 +353,49 @@ TEST_F(ReadTest, ADataRequestNeedsItsKeyAndType) {
                            "key='5_1_0', value_type='x'"})
     expectRefused("{type='MM_DATA_REQUEST', " + std::string(rest) + "}",
                   {"4 LUA: could not create message from lua table (key=?, value_type=?)"});
+}
+
+TEST_F(ReadTest, ARefusedTableIsNoWarning) {
+  for (const char* table : {"{}", "{type='x'}", "{type='MM_DATA'}", "{type='MM_DATA_REQUEST'}"})
+    EXPECT_EQ(nullptr, read<RovikMessage>(table)) << table;
+  EXPECT_EQ("", warning());
+}
+
+// The fields of the table that are asked for, in order; the table has those of `fields`.
+std::string askedFor(ScriptRovik& net, const std::string& fields) {
+  lua_State* const L = net.lua_state;
+  EXPECT_EQ(LUA_OK, luaL_loadstring(L, ("asked = '' return setmetatable({}, {__index = function(_, "
+                                        "name) asked = asked .. name .. ' ' return (" +
+                                        fields + ")[name] end})")
+                                           .c_str()));
+  EXPECT_EQ(LUA_OK, lua_pcall(L, 0, 1, 0));
+  const Owned<RovikMessage> msg(net.processMM(L));
+  lua_getglobal(L, "asked");
+  const std::string asked = lua_tostring(L, -1);
+  lua_settop(L, 0);
+  return asked;
+}
+
+TEST_F(ReadTest, FieldsAreReadInTheirOrder) {
+  const std::string value = ", key='5_1_0', value_type='int', value=1, req_op=1}";
+  EXPECT_EQ("type network_type seqnr ident flags src key value_type value ",
+            askedFor(*net, "{type='MM_DATA'" + value));
+  EXPECT_EQ("type seqnr ident flags src key value_type req_op from_tv_sec to_tv_sec ",
+            askedFor(*net, "{type='MM_DATA_REQUEST'" + value));
+  EXPECT_EQ("type seqnr ident flags src key value_type value ",
+            askedFor(*net, "{type='MM_ACTUATOR_REQUEST'" + value));
+  EXPECT_EQ("type cmd ", askedFor(*net, "{type='MM_CMD_REQUEST'}"));
+  EXPECT_EQ("type rsp ", askedFor(*net, "{type='MM_CMD_RESPONSE'}"));
+  EXPECT_EQ("type channel msg ", askedFor(*net, "{type='MM_MSG'}"));
+}
+
+TEST_F(ReadTest, NothingIsReadBehindTheFirstFieldThatDoesNotFit) {
+  EXPECT_EQ("type ", askedFor(*net, "{type='mm_data'}"));
+  EXPECT_EQ("type network_type seqnr ident flags src key ", askedFor(*net, "{type='MM_DATA'}"));
+  EXPECT_EQ("type seqnr ident flags src key value_type ",
+            askedFor(*net, "{type='MM_DATA_REQUEST', key='5_1_0', value_type='x'}"));
+  EXPECT_EQ("type seqnr ident flags src key value_type req_op ",
+            askedFor(*net, "{type='MM_DATA_REQUEST', key='5_1_0', value_type='int'}"));
 }
 
 TEST_F(ReadTest, FieldsThatAMetatableSuppliesCount) {

@@ -94,4 +94,10 @@ void SerialPeer::set(const termios& settings) {
   checked(::tcsetattr(line.get(), TCSANOW, &settings), "tcsetattr");
 }
 
-void SerialPeer::unplug() { line.reset(); }
+// An end that stays open keeps the number, and so the path, from the next pseudo-terminal: who
+// looks for this device again must not come upon another's.
+void SerialPeer::unplug() {
+  dead_end = drovane::Descriptor(
+      checked(::open(its_path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC), "open"));
+  line.reset();
+}

@@ -41,5 +41,6 @@ class SerialPeer {
   bool take(std::string& bytes, std::size_t most);
 
   drovane::Descriptor line;
+  drovane::Descriptor dead_end;  // after unplug
   std::string its_path;
 };

@@ -1,0 +1,168 @@
+// Single operations of the control socket, without the socket.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <vector>
+
+#include "faults/MemoryFaults.h"
+#include "framework/Clock.h"
+#include "framework/ControlOperations.h"
+#include "framework/ControlWatch.h"
+#include "framework/Router.h"
+#include "support/Message.h"
+#include "support/TempFolder.h"
+
+namespace {
+
+using drovane::ConfigFile;
+using drovane::ControlOperations;
+using drovane::ControlWatch;
+using drovane::House;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint64_t kClient = 1;
+constexpr std::uint64_t kOther = 2;
+
+// Roviks 5 and 6 are made and do not run.
+class ControlOperationsTest : public testing::Test {
+ protected:
+  ControlOperationsTest() {
+    drovane::PluginLoader loader({DROVANE_TEST_PLUGINS});
+    if (!house.make(loader)) throw std::runtime_error("the house cannot be made");
+  }
+
+  ConfigFile config() const {
+    folder.write("house.conf", "rovik 5 boiler echo\nrovik 6 lamp echo\n");
+    return ConfigFile::read(folder / "house.conf");
+  }
+
+  // The reply; "later" when it comes later.
+  std::string perform(const std::string& line, std::uint64_t client = kClient) {
+    return operations.perform(client, line).value_or("later");
+  }
+  // What has come in since, behind the number of its client.
+  std::vector<std::string> collect() {
+    std::vector<std::string> answers;
+    operations.collect([&](std::uint64_t client, const std::string& line) {
+      answers.push_back(std::to_string(client) + ' ' + line);
+    });
+    return answers;
+  }
+  // What reaches the command line's address.
+  static void answerWith(const RovikMessage& msg) {
+    drovane::Outbox outbox(
+        std::make_shared<drovane::Mailbox>(7, "answerer", std::make_shared<drovane::Waker>()));
+    EXPECT_EQ(outbox.sendNow(msg), 1);
+  }
+
+  const TempFolder folder;
+  House house{config(), [](const std::string&) {}};
+  const std::shared_ptr<drovane::Waker> waker = std::make_shared<drovane::Waker>();
+  ControlWatch watch{waker};
+  ControlOperations operations{house, "1.2.3", watch, waker};
+};
+
+std::string refusal(const std::string& error) { return R"({"ok":false,"error":")" + error + "\"}"; }
+
+const char* const kSend = R"({"op":"send","key":"5_1_0","type":"int","value":"1"})";
+const char* const kGet = R"({"op":"get","key":"5_1_0","type":"int","to":"boiler"})";
+
+TEST_F(ControlOperationsTest, AMessageForWhichThereIsNoMemoryIsRefused) {
+  const NoRecords gone(MM_DATA);
+  EXPECT_EQ(perform(kSend), refusal("there is no memory for a message"));
+}
+
+TEST_F(ControlOperationsTest, AMessageThatCannotBeCopiedIsRefused) {
+  NoRecords gone(MM_DATA);
+  gone.spareOne();
+  EXPECT_EQ(perform(kSend), refusal("the message could not be delivered"));
+}
+
+TEST_F(ControlOperationsTest, ARequestThatCannotBeCopiedIsRefusedAndNotWaitedFor) {
+  {
+    NoRecords gone(MM_DATA_REQUEST);
+    gone.spareOne();
+    EXPECT_EQ(perform(kGet), refusal("the request could not be delivered to rovik 5 boiler"));
+  }
+  EXPECT_FALSE(operations.nextDeadline().has_value());
+}
+
+TEST_F(ControlOperationsTest, ACommandForARovikThatDoesNotRunIsRefused) {
+  EXPECT_EQ(perform(R"({"op":"cmd","rovik":"5","words":["say","x"]})"),
+            refusal("rovik 5 boiler does not run; expected it to be started"));
+  EXPECT_FALSE(operations.nextDeadline().has_value());
+}
+
+TEST_F(ControlOperationsTest, OnlyAnAnswerWithTheRequestsNumberAnswersIt) {
+  EXPECT_EQ(perform(kGet), "later");
+  ASSERT_TRUE(operations.nextDeadline().has_value());
+  const std::uint32_t asked = drovane::Router::global().nextSeqnr() - 1;
+  auto answer = to(drovane::kCommandLineId, newText("warm"));
+  answer->setKey("5_1_0");
+  answer->seqnr = asked + 1000;
+  answerWith(*answer);
+  auto note = to(drovane::kCommandLineId, newNote("warm"));
+  note->seqnr = asked;
+  answerWith(*note);
+  EXPECT_TRUE(operations.waiting());
+  EXPECT_THAT(collect(), IsEmpty());
+  EXPECT_FALSE(operations.waiting());
+  answer->seqnr = asked;
+  answerWith(*answer);
+  const auto answers = collect();
+  ASSERT_EQ(answers.size(), 1U);
+  EXPECT_THAT(answers[0], testing::StartsWith(R"(1 {"ok":true,"message":{"type":"MM_DATA",)"));
+  EXPECT_FALSE(operations.nextDeadline().has_value());
+}
+
+TEST_F(ControlOperationsTest, EachRequestIsOverdueForItsOwnClient) {
+  EXPECT_EQ(perform(kGet), "later");
+  EXPECT_EQ(perform(kGet, kOther), "later");
+  EXPECT_THAT(collect(), IsEmpty());
+  operations.forget(kClient);
+  drovane::Clock::skip(6 * drovane::Clock::kNanosecondsPerSecond);
+  EXPECT_THAT(collect(),
+              ElementsAre("2 " + refusal("rovik 5 boiler: no answer to the request within 5 s")));
+  EXPECT_FALSE(operations.nextDeadline().has_value());
+}
+
+struct BadRequest {
+  const char* name;
+  const char* line;
+  const char* error;
+};
+
+class BadOperation : public ControlOperationsTest,
+                     public testing::WithParamInterface<BadRequest> {};
+
+TEST_P(BadOperation, IsExplained) {
+  EXPECT_EQ(perform(GetParam().line), refusal(GetParam().error));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ControlOperations, BadOperation,
+    testing::Values(
+        BadRequest{"KeyIsNone", R"({"op":"send","key":"5_1","type":"int","value":"1"})",
+                   "key '5_1' is no key; expected three numbers joined by '_', such as 5_1_0"},
+        BadRequest{"TypeIsNone", R"({"op":"send","key":"5_1_0","type":"bool","value":"1"})",
+                   "type 'bool' is no value type; expected int, float or string"},
+        BadRequest{"ValueIsNoInt", R"({"op":"send","key":"5_1_0","type":"int","value":"x"})",
+                   "value 'x' does not fit the type; expected a whole number from -2147483648 to "
+                   "2147483647"},
+        BadRequest{"ValueIsNoFloat", R"({"op":"send","key":"5_1_0","type":"float","value":"x"})",
+                   "value 'x' does not fit the type; expected a decimal number such as 21.5"},
+        BadRequest{"ReceiverIsNobody",
+                   R"({"op":"send","key":"5_1_0","type":"int","value":"1","to":"cellar"})",
+                   "there is no rovik 'cellar'; expected a name or an id that 'drovane status' "
+                   "shows"},
+        BadRequest{"ReceiverIsANumber",
+                   R"({"op":"send","key":"5_1_0","type":"int","value":"1","to":6})",
+                   "'to' is no text; expected a text, or no such field"},
+        BadRequest{"AWordIsANumber", R"({"op":"cmd","rovik":"5","words":["say",1]})",
+                   R"(a word is no text; expected the words of a command, such as )"
+                   R"([\"mode\",\"tcp\"])"}),
+    [](const auto& each) { return each.param.name; });
+
+}  // namespace
