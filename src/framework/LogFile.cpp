@@ -63,8 +63,9 @@ void LogFile::write(std::string_view line) {
 
 // Where the lines that are missing would have been.
 void LogFile::reportMissing() {
-  const int error = append(ownLine(std::to_string(missing) + " log lines could not be written: " +
-                                   std::generic_category().message(missing_error)));
+  const std::string report = ownLine(std::to_string(missing) + " log lines could not be written: " +
+                                     std::generic_category().message(missing_error));
+  const int error = append(report);
   if (error != 0) {
     missing_error = error;
     return;

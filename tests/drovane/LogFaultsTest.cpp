@@ -3,13 +3,13 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <re2/re2.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "FaultyHouse.h"
@@ -33,12 +33,11 @@ bool isWritten(const std::string& path, const std::string& text) {
 }
 
 void expectWholeLines(const std::string& log) {
-  static const std::regex kLine(
-      R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d [234] \d+ \S+ .*)");
+  static const RE2 kLine(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d [234] \d+ \S+ .*)");
   EXPECT_TRUE(log.ends_with('\n'));
   std::istringstream lines(log);
   for (std::string line; std::getline(lines, line);)
-    EXPECT_TRUE(std::regex_match(line, kLine)) << line;
+    EXPECT_TRUE(RE2::FullMatch(line, kLine)) << line;
 }
 
 TEST(LogFaults, AFullDiskIsSaidOnStandardErrorAndTheHouseGoesOn) {

@@ -71,9 +71,10 @@ class SerialPlace : public Place {
     open();
     return line;
   }
+  // The link first: the terminal's name is soon another one's.
   void shut() override {
-    next.reset();
     ::unlink(path.c_str());  // it may be shut already
+    next.reset();
   }
   void open() override {
     shut();
