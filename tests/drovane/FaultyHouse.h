@@ -10,17 +10,6 @@
 #include "RunningProgram.h"
 #include "support/PeerTcp.h"
 
-// Memory of a process under a sanitizer is not ours to limit, and its own library has to be the
-// first one.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
-
-#define SKIP_WHEN_SANITIZED() \
-  if (kSanitized) GTEST_SKIP() << "a sanitizer has this process's memory"
-
 class FaultyHouse {
  public:
   Program program;

@@ -9,6 +9,7 @@
 #include "support/Emulation.h"
 #include "support/Eventually.h"
 #include "support/PeerSerial.h"
+#include "support/Sanitizers.h"
 #include "support/UnixClient.h"
 
 namespace {
@@ -88,6 +89,7 @@ TEST(DescriptorLimitFaults, AnotherClientWaitsAndIsServedOnceThereIsADescriptor)
 }
 
 TEST(DescriptorLimitFaults, TheProgramEndsInGoodOrder) {
+  SKIP_WHEN_SANITIZED("needs descriptors at the end of the program");
   TcpPeer peer;
   FaultyHouse house;
   house.startReady(houseOf(peer));
@@ -119,14 +121,14 @@ std::string greedyRovik() {
 }
 
 TEST(MemoryLimitFaults, AScriptThatTakesAllOfItIsStoppedAndNothingElse) {
-  SKIP_WHEN_SANITIZED();
+  SKIP_WHEN_SANITIZED("takes more memory than the limit leaves");
   SKIP_WHEN_EMULATED("does not limit the memory of what it runs");
   TcpPeer peer;
   FaultyHouse house;
   house.script("greedy", kGreedyScript);
   Process& run = house.startReady(houseOf(peer, greedyRovik()));
   peer.accept();
-  house.limit(RLIMIT_AS, house.addressSpace() + 32 * kMiB);
+  house.limit(RLIMIT_AS, house.addressSpace() + 8 * kMiB);
   EXPECT_EQ(house.command("greedy", {"grow"}), "ERROR (LUA FUNCTION ERROR)\n");
   EXPECT_TRUE(run.waitForErrors(" 2 7 greedy lua function error: not enough memory\n"));
   EXPECT_EQ(house.command("greedy", {"alive"}), "yes\n");
@@ -136,7 +138,7 @@ TEST(MemoryLimitFaults, AScriptThatTakesAllOfItIsStoppedAndNothingElse) {
 }
 
 TEST(MemoryLimitFaults, TheProgramEndsInGoodOrderWithoutAnyMore) {
-  SKIP_WHEN_SANITIZED();
+  SKIP_WHEN_SANITIZED("takes more memory than the limit leaves");
   SKIP_WHEN_EMULATED("does not limit the memory of what it runs");
   TcpPeer peer;
   FaultyHouse house;
@@ -149,7 +151,7 @@ TEST(MemoryLimitFaults, TheProgramEndsInGoodOrderWithoutAnyMore) {
 
 // Wherever the memory ends while the program starts: in its own libraries, a thread, the plug-in.
 TEST(MemoryLimitFaults, AStartWithoutEnoughOfItEndsWithAnErrorAndNotWithASignal) {
-  SKIP_WHEN_SANITIZED();
+  SKIP_WHEN_SANITIZED("takes more memory than the limit leaves");
   SKIP_WHEN_EMULATED("does not limit the memory of what it runs");
   int refused = 0;
   bool whole = false;
@@ -175,7 +177,7 @@ class ScarceMemory : public testing::TestWithParam<std::uint32_t> {};
 // One in so many requests for memory fails, whoever makes it, while lines, messages, scripts and
 // clients go on.
 TEST_P(ScarceMemory, CostsAnswersAndMessagesButNotTheProgram) {
-  SKIP_WHEN_SANITIZED();
+  SKIP_WHEN_SANITIZED("ends a program that gets no memory");
   SKIP_WHEN_EMULATED("has memory requests of its own");
   TcpPeer peer;
   FaultyHouse house;
@@ -206,7 +208,7 @@ TEST_P(ScarceMemory, CostsAnswersAndMessagesButNotTheProgram) {
 }
 
 TEST_P(ScarceMemory, DoesNotKeepTheProgramFromEnding) {
-  SKIP_WHEN_SANITIZED();
+  SKIP_WHEN_SANITIZED("ends a program that gets no memory");
   SKIP_WHEN_EMULATED("has memory requests of its own");
   TcpPeer peer;
   FaultyHouse house;
@@ -227,7 +229,7 @@ class MissingThread : public testing::TestWithParam<std::uint32_t> {};
 // The threads are those of the log, of the end, of the control socket, of the start, and of two
 // roviks.
 TEST_P(MissingThread, IsNamedAndThoseThatRunGoOnOrTheStartIsRefused) {
-  SKIP_WHEN_SANITIZED();
+  SKIP_WHEN_SANITIZED("makes threads of its own");
   SKIP_WHEN_EMULATED("has threads of its own");
   FaultyHouse house;
   const ShortSupply supply;

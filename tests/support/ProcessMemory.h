@@ -10,14 +10,11 @@
 #include <iterator>
 
 #include "support/Emulation.h"
+#include "support/Sanitizers.h"
 
 // A sanitizer keeps freed memory back, or memory of its own for each thread: its figures say
 // nothing about ours. The address sanitizer looks for leaks itself.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kMemoryIsOurs = false;
-#else
-inline constexpr bool kMemoryIsOurs = true;
-#endif
+inline constexpr bool kMemoryIsOurs = !kSanitized;
 
 // Memory of this process that is in use, in bytes. An emulator keeps what it has translated in the
 // same process; there it is what the allocator has handed out.
