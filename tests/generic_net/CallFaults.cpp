@@ -7,11 +7,13 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
 namespace {
 
+std::mutex lock;  // peers call too, on threads of their own
 FailingCall* failing = nullptr;
 ModemLines* modem = nullptr;
 std::optional<termios> settings;
@@ -20,12 +22,22 @@ std::optional<termios> settings;
 
 FailingCall::FailingCall(std::string_view its_name, int its_error, int its_spared)
     : name(its_name), error(its_error), spared(its_spared) {
+  const std::lock_guard guard(lock);
   if (std::exchange(failing, this) != nullptr) throw std::logic_error("a call is failing already");
 }
 
-FailingCall::~FailingCall() { failing = nullptr; }
+FailingCall::~FailingCall() {
+  const std::lock_guard guard(lock);
+  failing = nullptr;
+}
+
+bool FailingCall::happened() const {
+  const std::lock_guard guard(lock);
+  return struck;
+}
 
 bool FailingCall::strikes(std::string_view called) {
+  const std::lock_guard guard(lock);
   if (failing == nullptr || failing->struck || failing->name != called) return false;
   if (failing->spared-- > 0) return false;
   failing->struck = true;

@@ -17,7 +17,7 @@ class FailingCall {
   FailingCall(const FailingCall&) = delete;
   FailingCall& operator=(const FailingCall&) = delete;
 
-  bool happened() const { return struck; }
+  bool happened() const;
 
   // Whether this call is to fail; errno is then set.
   static bool strikes(std::string_view called);

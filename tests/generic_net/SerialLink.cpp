@@ -1,6 +1,7 @@
 #include "SerialLink.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,14 +47,24 @@ drovane::Descriptor rawTerminal(const std::string& path) {
   return terminal;
 }
 
+namespace {
+
+constexpr int kSettled = 50;  // milliseconds
+
+}  // namespace
+
 std::size_t fillUp(int terminal) {
   if ((fcntl(terminal, F_GETFL) & O_NONBLOCK) == 0) throw std::runtime_error("writing would wait");
   const std::string bytes(1000, 'x');
   std::size_t total = 0;
-  ssize_t written = 0;
-  while ((written = ::write(terminal, bytes.data(), bytes.size())) > 0)
-    total += static_cast<std::size_t>(written);
-  EXPECT_EQ(EAGAIN, errno);
+  pollfd room{terminal, POLLOUT, 0};
+  do {
+    ssize_t written = 0;
+    while ((written = ::write(terminal, bytes.data(), bytes.size())) > 0)
+      total += static_cast<std::size_t>(written);
+    EXPECT_EQ(EAGAIN, errno);
+    // The system hands on in the background, which makes room once more.
+  } while (::poll(&room, 1, kSettled) > 0);
   return total;
 }
 
