@@ -65,7 +65,7 @@ void LogFile::write(std::string_view line) {
 void LogFile::reportMissing() {
   const std::string report = ownLine(std::to_string(missing) + " log lines could not be written: " +
                                      std::generic_category().message(missing_error));
-  const int error = append(report);
+  const int error = append({report.data(), report.size()});
   if (error != 0) {
     missing_error = error;
     return;
@@ -75,13 +75,14 @@ void LogFile::reportMissing() {
 
 // 0 or the error number. A piece that found room is taken back.
 int LogFile::append(std::string_view text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t count = ::write(file.get(), text.data() + done, text.size() - done);
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const ssize_t count = ::write(file.get(), rest.data(), rest.size());
     const int error = errno;
     if (count >= 0) {
-      done += static_cast<std::size_t>(count);
+      rest.remove_prefix(static_cast<std::size_t>(count));
     } else if (error != EINTR) {
+      const std::size_t done = text.size() - rest.size();
       if (regular && done > 0 && ::ftruncate(file.get(), static_cast<off_t>(size)) != 0)
         size += static_cast<std::int64_t>(done);
       return error;
