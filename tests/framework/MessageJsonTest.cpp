@@ -1,8 +1,6 @@
 // The JSON form of messages at its edges: fields that do not fit, and texts that are almost UTF-8.
 #include <gtest/gtest.h>
 
-#include <new>
-
 #include "framework/MessageJson.h"
 #include "framework/RecordPool.h"
 #include "support/Message.h"
