@@ -40,7 +40,7 @@ class Thread {
   void askToStop() { asked.store(true, std::memory_order_seq_cst); }
 
  private:
-  static void* body(void* self);
+  static void* body(void* birth);
 
   pthread_t handle;
   bool started;

@@ -2,9 +2,11 @@
 
 #include <signal.h>
 
+#include <array>
 #include <cstddef>
+#include <cstring>
 #include <new>
-#include <string>
+#include <semaphore>
 
 #include "Log.h"
 #include "RecordPool.h"
@@ -42,15 +44,25 @@ void prepare() {
   }
 }
 
+// Given to a new thread by the one that makes it. That one waits until the new thread has what is
+// its own, so that a shortage of memory after a start that succeeded does not end the process.
+struct Birth {
+  Thread* self;
+  std::binary_semaphore prepared{0};
+};
+
 }  // namespace
 
 Thread::Thread() : handle(), started(false), asked(false) {}
 
 Thread::~Thread() = default;
 
-void* Thread::body(void* self) {
+void* Thread::body(void* birth) {
+  auto* const given = static_cast<Birth*>(birth);
+  Thread* const self = given->self;
   prepare();
-  static_cast<Thread*>(self)->main();
+  given->prepared.release();
+  self->main();
   return nullptr;
 }
 
@@ -60,15 +72,19 @@ int Thread::start(const char* label) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, kStackSize);
+  Birth birth{this};
   int error = 0;
   {
     const SignalsBlocked blocked;
-    error = pthread_create(&handle, &attributes, body, this);
+    error = pthread_create(&handle, &attributes, body, &birth);
   }
   pthread_attr_destroy(&attributes);
   if (error != 0) return error;
   started = true;
-  pthread_setname_np(handle, std::string(label).substr(0, 15).c_str());
+  birth.prepared.acquire();
+  std::array<char, 16> shortened{};  // what the kernel keeps, with a terminator
+  std::strncpy(shortened.data(), label, shortened.size() - 1);
+  pthread_setname_np(handle, shortened.data());
   return 0;
 }
 
