@@ -24,6 +24,7 @@
 #include "framework/MessageJson.h"
 #include "framework/PluginLoader.h"
 #include "support/Property.h"
+#include "support/Wait.h"
 
 using drovane::Descriptor;
 using drovane::Json;
@@ -143,11 +144,8 @@ class Client {
   }
 
  private:
-  bool wait(int events) const {
-    pollfd watched{socket.get(), static_cast<short>(events), 0};
-    const int ready = ::poll(&watched, 1, kPatience);
-    require(ready == 1, "the server answers in time");
-    return ready == 1;
+  void wait(short events) const {
+    require(fuzzing::await(socket.get(), events, kPatience), "the server answers in time");
   }
 
   void receive(int patience) {

@@ -15,6 +15,7 @@
 #include "framework/RovikHost.h"
 #include "framework/Words.h"
 #include "support/Property.h"
+#include "support/Wait.h"
 
 namespace fuzzing {
 namespace {
@@ -67,8 +68,7 @@ void FuzzedNet::farewell() {
 }
 
 bool FuzzedNet::readable(int milliseconds) const {
-  pollfd watched{fd, POLLIN, 0};
-  return fd >= 0 && ::poll(&watched, 1, milliseconds) == 1;
+  return fd >= 0 && await(fd, POLLIN, milliseconds);
 }
 
 void FuzzedNet::readLinkNow() {
