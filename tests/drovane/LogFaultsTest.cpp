@@ -62,7 +62,7 @@ TEST(LogFaults, AFileThatMustNotGrowCostsLinesAndSaysHowMany) {
   const std::string file = house.program.folder / "log";
   Process& run = house.start(houseWith(), {"--log-file", file});
   ASSERT_TRUE(isWritten(file, " roviks\n"));
-  house.limit(RLIMIT_FSIZE, std::filesystem::file_size(file) + 80);
+  house.limit(RLIMIT_FSIZE, static_cast<rlim_t>(std::filesystem::file_size(file) + 80));
   for (const char* text : {"one", "two", "three", "four"})
     EXPECT_EQ(house.command("boiler", {"log", text}), "OK\n");
   EXPECT_TRUE(run.waitForErrors("drovane: the log cannot be written: File too large\n"));
