@@ -65,7 +65,8 @@ std::string levelDrift(const Level& level, const std::vector<Sample>& samples) {
 // Memory goes up and down with the messages that wait and with what scripts have not swept up yet.
 // So only moments at which few wait are judged, by their trend: the slope of the best line through
 // them, and only when it is both more than the noise over the whole time and too much for a box
-// that is to run for years. What is in use is known to the byte. What the process holds beside that
+// that is to run for years, and when it goes on to the end: stocks of free records fill up slowly,
+// and then they are full. What is in use is known to the byte. What the process holds beside that
 // also has the room of former peaks and the gaps between what is in use.
 struct Growth {
   Quantity quantity;
@@ -86,15 +87,21 @@ std::vector<Sample> quiet(std::vector<Sample> samples) {
   return samples;
 }
 
+double riseOf(const Growth& growth, const std::vector<Sample>& samples) {
+  return slope(samples, growth.quantity.of) * (samples.back().at - samples.front().at);
+}
+
 std::string growthOf(const Growth& growth, const std::vector<Sample>& samples) {
   if (samples.size() < kFewestSamples / 2) return "";
   constexpr double kDay = 24 * 60 * 60;
-  const double rise = slope(samples, growth.quantity.of);
-  const double whole = rise * (samples.back().at - samples.front().at);
-  if (whole <= growth.noise || rise * kDay <= growth.per_day) return "";
+  const double seconds = samples.back().at - samples.front().at;
+  const double whole = riseOf(growth, samples);
+  const double late = riseOf(
+      growth, {samples.end() - static_cast<std::ptrdiff_t>(samples.size() / 2), samples.end()});
+  if (whole <= growth.noise || whole / seconds * kDay <= growth.per_day || late <= whole / 3)
+    return "";
   return text("%s grows: %.1f MB in %.0f s, that is %.0f MB a day; expected at most %.1f MB",
-              growth.quantity.name, whole, samples.back().at - samples.front().at, rise * kDay,
-              growth.noise);
+              growth.quantity.name, whole, seconds, whole / seconds * kDay, growth.noise);
 }
 
 }  // namespace
