@@ -155,6 +155,7 @@ bool House::configureHere(Member& member, bool strict) {
   if (strict && !clean) refused = true;
   const bool runs = !cancelled && (clean || !strict);
   if (runs) {
+    member.host().acceptCommands();  // first: whoever reads that it has started may give it one
     Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "rovik %d %s: started\n",
                         member.config.id, member.config.name.c_str());
   }

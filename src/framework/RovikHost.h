@@ -58,6 +58,8 @@ class RovikHost {
   // Starts the rovik's thread. It runs `first`, if there is one, which may call command, and then
   // the loop, unless `first` returned false. 0 or the error number of pthread_create(3).
   int start(std::function<bool()> first = nullptr);
+  // For `first`, when it is going to return true: from now on commands wait for the loop.
+  void acceptCommands();
   // Lets the loop end after the event in hand, without waiting: Rovik::stop then waits.
   void askToStop();
 
@@ -91,9 +93,11 @@ class RovikHost {
  private:
   // The loop (RovikLoop.cpp).
   bool waitForEvents();
+  void linger() const;
   bool workWaits();
   std::int64_t timeLeft() const;
   void dispatchLink();
+  bool linkHasMore() const;
   void dispatchMessages();
   void dispatchMessage(RovikMessage* msg);
   void answerCommandRequest(const MMCmdRequest& request);
@@ -103,7 +107,6 @@ class RovikHost {
   CommandResult outcome(const std::vector<std::string>& words);
   template <typename Slot>
   void slot(const char* slot_name, Slot body);
-  void acceptCommands();
   void endCommands();
   std::shared_ptr<Command> nextCommand();
 
@@ -127,6 +130,7 @@ class RovikHost {
   Outbox outbox;
   std::vector<RovikMessage*> batch;  // taken from the mailbox, in order
   std::size_t batch_done = 0;
+  bool flooded = false;  // the last batch was a large one
 
   std::atomic<bool> running{false};
   std::atomic<bool> link_open{false};

@@ -40,6 +40,44 @@ TEST(RovikLoopTest, AReadableLinkCallsSelectFD) {
   EXPECT_TRUE(rovik->waitForEvent("read T=22"));
 }
 
+// The receiver does not run, so what has left waits in its queue. The two reads may fall apart once
+// in a while, since the batch ends with the tick of a clock.
+TEST(RovikLoopTest, WhatSeveralShortReadsBringLeavesInOneBatch) {
+  constexpr int kBytes = 10;
+  SocketPair pair;
+  const auto receiver = TestRovik::make(2, "attic");
+  const auto rovik = TestRovik::make(1, "boiler");
+  rovik->fd = pair.near.get();
+  std::size_t left = 0;
+  rovik->on_link = [&] {
+    char byte = 0;
+    if (read(rovik->fd, &byte, 1) != 1) return;
+    const std::size_t now = receiver->host().status().queued;
+    if (byte > 0 && now == left) rovik->note("together");
+    left = now;
+    rovik->messageSnd(to(2, newNote("byte")).get());
+  };
+  std::string bytes(kBytes, '\1');
+  bytes[0] = '\0';
+  ASSERT_TRUE(pair.send(bytes));
+  rovik->run();
+  EXPECT_TRUE(rovik->waitForEvent("together"));
+  EXPECT_TRUE(eventually([&] { return receiver->host().status().queued == kBytes; }));
+}
+
+TEST(RovikLoopTest, MessagesAndCommandsHaveTheirTurnWhileTheLinkHasMore) {
+  SocketPair pair;
+  const auto rovik = TestRovik::make(1, "boiler");
+  rovik->fd = pair.near.get();
+  rovik->on_command = [](const Words&) { return "OK"; };
+  ASSERT_TRUE(pair.send("never read"));
+  rovik->run();
+  EXPECT_TRUE(rovik->waitForEvent("link"));
+  EXPECT_TRUE(goesRound(*rovik));
+  EXPECT_EQ(rovik->command({"anything"}), "OK");
+  EXPECT_EQ(rovik->stop(), 0);
+}
+
 TEST(RovikLoopTest, ASilentLinkCallsNothing) {
   SocketPair pair;
   const auto rovik = TestRovik::make(1, "boiler");
