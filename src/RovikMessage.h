@@ -97,7 +97,6 @@ class RovikMessage {
     Bookkeeping& operator=(const Bookkeeping&) { return *this; }
     // How many hold the record (std::atomic_ref): a broadcast is one record with many receivers.
     std::uint32_t holders = 1;
-    RovikMessage* next_free = nullptr;
   };
   Bookkeeping book;
 };

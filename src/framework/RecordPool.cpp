@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -11,10 +12,11 @@ namespace drovane {
 namespace {
 
 constexpr std::size_t kKinds = MM_MSG + 1;
-constexpr std::uint32_t kMagazineSize = 64;
+constexpr std::size_t kMagazineSize = 64;
 constexpr std::size_t kDepotMagazines = 64;  // per kind, that is 4,096 free records
-// What a text of a free record may keep: enough for every line that the links cut in practice.
-constexpr std::size_t kKeptText = 4096;
+// What a text of a free record may keep: enough for the lines that links cut in practice, and
+// little enough that hundreds of threads with full magazines stay small.
+constexpr std::size_t kKeptText = 1024;
 
 void dropLargeText(std::string& text) {
   if (text.capacity() > kKeptText) std::string().swap(text);
@@ -27,107 +29,131 @@ void add(std::atomic<std::int64_t>& counter, std::int64_t amount) {
 
 }  // namespace
 
-// A pile of free records of one kind.
-struct RecordPool::Magazine {
-  RovikMessage* top = nullptr;
-  std::uint32_t count = 0;
+// A record that is taken was last used by another processor, as a rule.
+void RecordPool::prefetch(const RovikMessage* msg) {
+  constexpr std::size_t kCacheLine = 64;
+  const char* const begin = reinterpret_cast<const char*>(msg);
+  for (std::size_t at = 0; at < sizeof(MMData); at += kCacheLine) __builtin_prefetch(begin + at, 1);
+}
 
-  void push(RovikMessage* msg) {
-    msg->book.next_free = top;
-    top = msg;
-    ++count;
+// Free records of one kind. They are listed here and not chained to each other: a record that is
+// given back stays untouched, and those that are taken next can be fetched ahead.
+class RecordPool::Magazine {
+ public:
+  Magazine() = default;
+  Magazine(const Magazine&) = delete;
+  Magazine& operator=(const Magazine&) = delete;
+  ~Magazine() {
+    while (!empty()) free(pop());
   }
+
+  bool empty() const { return count == 0; }
+  bool full() const { return count == records.size(); }
+  void push(RovikMessage* msg) { records[count++] = msg; }
   RovikMessage* pop() {
-    RovikMessage* msg = top;
-    top = msg->book.next_free;
-    --count;
-    return msg;
+    if (count > kAhead) prefetch(records[count - 1 - kAhead]);
+    return records[--count];
   }
-  void freeAll() {
-    while (count > 0) free(pop());
-  }
+
+ private:
+  static constexpr std::size_t kAhead = 4;
+
+  std::size_t count = 0;
+  std::array<RovikMessage*, kMagazineSize> records;
 };
 
-// What all threads share: full magazines, and the books of threads that are gone.
-struct RecordPool::Depot {
-  std::array<std::vector<Magazine>, kKinds> full DROVANE_GUARDED_BY(RovikMessage::messageLock);
-  std::vector<const Cache*> caches DROVANE_GUARDED_BY(RovikMessage::messageLock);
-  std::int64_t in_use_elsewhere DROVANE_GUARDED_BY(RovikMessage::messageLock) = 0;
-
-  // Room for all at once: to give a record back must not need memory.
-  Depot() {
-    for (auto& magazines : full) magazines.reserve(kDepotMagazines);
-  }
-
+// What all threads share: magazines, and the books of threads that are gone.
+class RecordPool::Depot {
+ public:
   // Never destroyed: a thread may end, and a record come back, after main has returned.
   static Depot& get() {
     static Depot& depot = *new Depot;
     return depot;
   }
 
-  bool fetch(std::size_t kind, Magazine& into) {
+  // Trades a magazine that is empty, or none, against a full one. False when there is none.
+  bool fetch(std::size_t kind, std::unique_ptr<Magazine>& magazine) {
     MutexLock lock(RovikMessage::messageLock);
     if (full[kind].empty()) return false;
-    into = full[kind].back();
+    if (magazine != nullptr && empty.size() < kDepotMagazines) empty.push_back(std::move(magazine));
+    magazine = std::move(full[kind].back());
     full[kind].pop_back();
     return true;
   }
 
-  void store(std::size_t kind, Magazine magazine) {
-    {
-      MutexLock lock(RovikMessage::messageLock);
-      if (full[kind].size() < kDepotMagazines) {
-        full[kind].push_back(magazine);
-        return;
-      }
-    }
-    magazine.freeAll();
+  // Takes a full magazine and leaves one that is empty, or none.
+  void store(std::size_t kind, std::unique_ptr<Magazine>& magazine) {
+    std::unique_ptr<Magazine> too_many;
+    MutexLock lock(RovikMessage::messageLock);
+    if (full[kind].size() < kDepotMagazines)
+      full[kind].push_back(std::move(magazine));
+    else
+      too_many = std::move(magazine);
+    if (empty.empty()) return;
+    magazine = std::move(empty.back());
+    empty.pop_back();
   }
+
+  void enter(const Cache* cache) {
+    MutexLock lock(RovikMessage::messageLock);
+    caches.push_back(cache);
+  }
+  void leave(const Cache* cache);
+  std::int64_t inUse();
+
+ private:
+  // Room for all at once: to give a record back must not need memory.
+  Depot() {
+    for (auto& magazines : full) magazines.reserve(kDepotMagazines);
+    empty.reserve(kDepotMagazines);
+  }
+
+  std::array<std::vector<std::unique_ptr<Magazine>>, kKinds> full
+      DROVANE_GUARDED_BY(RovikMessage::messageLock);
+  std::vector<std::unique_ptr<Magazine>> empty DROVANE_GUARDED_BY(RovikMessage::messageLock);
+  std::vector<const Cache*> caches DROVANE_GUARDED_BY(RovikMessage::messageLock);
+  std::int64_t in_use_elsewhere DROVANE_GUARDED_BY(RovikMessage::messageLock) = 0;
 };
 
 // One thread's two magazines per kind. With two, a thread that takes and releases around the
 // border of a magazine does not go to the depot each time.
 struct RecordPool::Cache {
-  std::array<Magazine, kKinds> loaded;
-  std::array<Magazine, kKinds> previous;
+  struct Shelf {
+    std::unique_ptr<Magazine> loaded;  // either may be missing
+    std::unique_ptr<Magazine> previous;
+  };
+  std::array<Shelf, kKinds> shelves;
   std::atomic<std::int64_t> in_use{0};
 
-  Cache() {
-    Depot& depot = Depot::get();
-    MutexLock lock(RovikMessage::messageLock);
-    depot.caches.push_back(this);
-  }
+  Cache() { Depot::get().enter(this); }
   Cache(const Cache&) = delete;
   Cache& operator=(const Cache&) = delete;
-  ~Cache() {
-    for (std::size_t kind = 0; kind < kKinds; ++kind) {
-      loaded[kind].freeAll();
-      previous[kind].freeAll();
-    }
-    Depot& depot = Depot::get();
-    MutexLock lock(RovikMessage::messageLock);
-    depot.in_use_elsewhere += in_use.load(std::memory_order_relaxed);
-    std::erase(depot.caches, this);
-  }
+  ~Cache() { Depot::get().leave(this); }
 
+  // Null when there is no free record.
   RovikMessage* take(std::size_t kind) {
-    if (loaded[kind].count == 0) {
-      if (previous[kind].count > 0) {
-        std::swap(loaded[kind], previous[kind]);
-      } else if (!Depot::get().fetch(kind, loaded[kind])) {
-        return nullptr;
-      }
+    auto& [loaded, previous] = shelves[kind];
+    if (!has(loaded)) {
+      loaded.swap(previous);
+      if (!has(loaded) && !Depot::get().fetch(kind, loaded)) return nullptr;
     }
-    return loaded[kind].pop();
+    return loaded->pop();
   }
 
+  // Without memory for a magazine the record is freed.
   void putBack(RovikMessage* msg) {
-    const std::size_t kind = msg->type;
-    if (loaded[kind].count == kMagazineSize) {
-      if (previous[kind].count > 0) Depot::get().store(kind, previous[kind]);
-      previous[kind] = std::exchange(loaded[kind], Magazine{});
+    auto& [loaded, previous] = shelves[msg->type];
+    if (loaded != nullptr && loaded->full()) {
+      loaded.swap(previous);
+      if (loaded != nullptr && loaded->full()) Depot::get().store(msg->type, loaded);
     }
-    loaded[kind].push(msg);
+    if (loaded == nullptr) loaded.reset(new (std::nothrow) Magazine);
+    if (loaded == nullptr) return free(msg);
+    loaded->push(msg);
+  }
+
+  static bool has(const std::unique_ptr<Magazine>& magazine) {
+    return magazine != nullptr && !magazine->empty();
   }
 
   static Cache& ofThisThread() {
@@ -135,6 +161,19 @@ struct RecordPool::Cache {
     return cache;
   }
 };
+
+void RecordPool::Depot::leave(const Cache* cache) {
+  MutexLock lock(RovikMessage::messageLock);
+  in_use_elsewhere += cache->in_use.load(std::memory_order_relaxed);
+  std::erase(caches, cache);
+}
+
+std::int64_t RecordPool::Depot::inUse() {
+  MutexLock lock(RovikMessage::messageLock);
+  std::int64_t sum = in_use_elsewhere;
+  for (const Cache* cache : caches) sum += cache->in_use.load(std::memory_order_relaxed);
+  return sum;
+}
 
 // The kinds are told apart here; everything else works on headers.
 template <typename Visitor>
@@ -263,12 +302,6 @@ void RecordPool::release(RovikMessage* msg) {
   putBack(msg);
 }
 
-std::int64_t RecordPool::inUse() {
-  Depot& depot = Depot::get();
-  MutexLock lock(RovikMessage::messageLock);
-  std::int64_t sum = depot.in_use_elsewhere;
-  for (const Cache* cache : depot.caches) sum += cache->in_use.load(std::memory_order_relaxed);
-  return sum;
-}
+std::int64_t RecordPool::inUse() { return Depot::get().inUse(); }
 
 }  // namespace drovane

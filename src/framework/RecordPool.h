@@ -28,6 +28,9 @@ class RecordPool {
   // Gives one hold up; the last one returns the record to the stock.
   static void release(RovikMessage* msg);
 
+  // Fetches a record that is about to be used into this processor's cache.
+  static void prefetch(const RovikMessage* msg);
+
   // Makes what this thread keeps records in.
   static void prepareThread();
 
@@ -35,9 +38,9 @@ class RecordPool {
   static std::int64_t inUse();
 
  private:
-  struct Magazine;
+  class Magazine;
+  class Depot;
   struct Cache;
-  struct Depot;
 
   template <typename Visitor>
   static auto visit(std::uint32_t type, Visitor visitor);

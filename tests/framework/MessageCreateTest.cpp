@@ -199,7 +199,7 @@ TEST(MessageCreateTest, ASharedRecordIsOneRecordUntilItsLastHolderLetsGo) {
 
 TEST(MessageCreateTest, LargeTextsDoNotStayInFreeRecords) {
   constexpr std::size_t kLarge = 1 << 20;
-  constexpr std::size_t kKept = 4096;
+  constexpr std::size_t kKept = 1024;
   std::vector<Owned<RovikMessage>> records;
   for (int i = 0; i < 100; ++i) records.push_back(filled(MM_DATA, std::string(kLarge, 'x')));
   records.clear();
