@@ -16,18 +16,27 @@ Mailbox::Mailbox(int its_id, std::string its_name, std::shared_ptr<Waker> its_wa
 Mailbox::~Mailbox() { close(); }
 
 bool Mailbox::isReply(const RovikMessage& msg) const {
+  if (expected == 0 || msg.seqnr != expected) return false;
   const bool addressed = msg.dst != NO_DESTINATION || !msg.dst_s.empty();
-  return expected != 0 && msg.seqnr == expected && addressed &&
-         (msg.type == MM_DATA || msg.type == MM_CMD_RESPONSE);
+  return addressed && (msg.type == MM_DATA || msg.type == MM_CMD_RESPONSE);
 }
 
-bool Mailbox::enqueue(RovikMessage* msg) {
+bool Mailbox::enqueue(std::span<RovikMessage* const> messages) {
   try {
-    queue.push_back(msg);
+    queue.insert(queue.end(), messages.begin(), messages.end());
     return true;
   } catch (const std::bad_alloc&) {
     return false;
   }
+}
+
+// Nearly always there is nothing to be said about any of them.
+bool Mailbox::acceptAll(std::span<RovikMessage* const> messages) {
+  const std::size_t waiting = depthLocked();
+  if (expected != 0 || closed || waiting + messages.size() > kHardLimit) return false;
+  if (!enqueue(messages)) return false;
+  if (waiting < kHighWater) overflowing = false;
+  return true;
 }
 
 void Mailbox::accept(RovikMessage* msg) {
@@ -38,7 +47,7 @@ void Mailbox::accept(RovikMessage* msg) {
   }
   const std::size_t waiting = depthLocked();
   if (!closed && waiting < kHardLimit) {
-    if (enqueue(msg)) {
+    if (enqueue({&msg, 1})) {
       if (waiting < kHighWater) overflowing = false;
       return;
     }
@@ -60,7 +69,8 @@ void Mailbox::accept(RovikMessage* msg) {
 void Mailbox::put(std::span<RovikMessage* const> messages) {
   {
     MutexLock guard(lock);
-    for (RovikMessage* msg : messages) accept(msg);
+    if (!acceptAll(messages))
+      for (RovikMessage* msg : messages) accept(msg);
     queued.store(queue.size(), std::memory_order_relaxed);
   }
   received_count.fetch_add(messages.size(), std::memory_order_relaxed);
@@ -76,13 +86,16 @@ std::size_t Mailbox::depthLocked() const {
 }
 
 bool Mailbox::crowded(const std::shared_ptr<Waker>& feeder) {
-  if (depth() <= kLowWater) return false;
+  if (depth() <= kLowWater && !contended()) return false;
   MutexLock guard(lock);
   if (closed) return false;
-  if (std::find(feeders.begin(), feeders.end(), feeder) == feeders.end()) feeders.push_back(feeder);
+  if (std::find(feeders.begin(), feeders.end(), feeder) == feeders.end()) {
+    if (depthLocked() <= kLowWater) return false;  // its turn
+    feeders.push_back(feeder);
+  }
   feeders_wait.store(true, std::memory_order_seq_cst);
-  // Only now: a receiver that lowers the count after this look sees feeders_wait.
-  return depthLocked() > kLowWater;
+  // Only now: a receiver that empties the mailbox after this look sees feeders_wait.
+  return depthLocked() > 0;
 }
 
 void Mailbox::close() {
@@ -118,15 +131,21 @@ void Mailbox::take(std::vector<RovikMessage*>& batch) {
 
 void Mailbox::left(std::size_t count) {
   in_hand.store(count, std::memory_order_seq_cst);
-  if (count > kLowWater || !feeders_wait.load(std::memory_order_seq_cst)) return;
-  std::vector<std::shared_ptr<Waker>> waiting;
-  {
-    MutexLock guard(lock);
-    if (depthLocked() > kLowWater) return;
-    waiting.swap(feeders);
-    feeders_wait.store(false, std::memory_order_relaxed);
-  }
-  for (const auto& feeder : waiting) feeder->wake();
+  if (count > kLowWater || !contended()) return;
+  // One after the other; all of them when there is nothing left to do.
+  do {
+    if (const auto feeder = firstInLine()) feeder->wake();
+  } while (depth() == 0 && contended());
+}
+
+// Null when nobody waits, or the mailbox has not drained.
+std::shared_ptr<Waker> Mailbox::firstInLine() {
+  MutexLock guard(lock);
+  if (feeders.empty() || depthLocked() > kLowWater) return nullptr;
+  auto first = std::move(feeders.front());
+  feeders.erase(feeders.begin());
+  feeders_wait.store(!feeders.empty(), std::memory_order_seq_cst);
+  return first;
 }
 
 void Mailbox::beginWait(std::uint32_t seqnr) {

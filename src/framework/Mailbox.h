@@ -47,8 +47,12 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
   std::size_t depth() const;
 
   // For a feeder that has seen depth pass the high-water mark: true while the mailbox has not yet
-  // drained to the low-water mark. `feeder` is woken when that happens.
+  // drained to the low-water mark, and its turn has not come. `feeder` is woken when that happens.
   bool crowded(const std::shared_ptr<Waker>& feeder);
+
+  // Feeders wait in line. Whoever has its turn goes to the end of the line as soon as the mailbox
+  // has passed the low-water mark again, so that all of them get the same.
+  bool contended() const { return feeders_wait.load(std::memory_order_seq_cst); }
 
   // No more messages: what waits is released, a waiting request ends without an answer.
   void close();
@@ -76,8 +80,10 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
  private:
   bool isReply(const RovikMessage& msg) const DROVANE_REQUIRES(lock);
   void accept(RovikMessage* msg) DROVANE_REQUIRES(lock);
-  bool enqueue(RovikMessage* msg) DROVANE_REQUIRES(lock);
+  bool acceptAll(std::span<RovikMessage* const> messages) DROVANE_REQUIRES(lock);
+  bool enqueue(std::span<RovikMessage* const> messages) DROVANE_REQUIRES(lock);
   std::size_t depthLocked() const DROVANE_REQUIRES(lock);
+  std::shared_ptr<Waker> firstInLine();
 
   mutable Mutex lock;
   std::vector<RovikMessage*> queue DROVANE_GUARDED_BY(lock);

@@ -1,7 +1,7 @@
 #include "Outbox.h"
 
-#include <algorithm>
 #include <new>
+#include <span>
 #include <utility>
 
 #include "Clock.h"
@@ -87,44 +87,39 @@ std::uint32_t Outbox::nextSeqnr() {
   return number != 0 ? number : nextSeqnr();
 }
 
-// Before anything is noted: a message is on its way to all of its receivers or to none.
-void Outbox::makeRoom(std::vector<Pending>& out, std::size_t more) {
-  if (out.capacity() - out.size() < more) out.reserve(std::max(2 * out.size(), out.size() + more));
-}
-
-int Outbox::addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out) {
+int Outbox::addressed(Mailbox* to, RovikMessage* copy, Batch& out) {
   if (to == nullptr) {
     reportUndeliverable(*copy);
     RecordPool::release(copy);
     return -1;
   }
-  makeRoom(out, 1);
-  out.push_back({to, copy});
+  out.makeRoom();
+  out.add(copy, to);
   return 1;
 }
 
 // One record for all: the receivers share it.
-int Outbox::broadcast(const AddressTable& roviks, RovikMessage* copy, std::vector<Pending>& out) {
-  const std::size_t before = out.size();
-  makeRoom(out, roviks.roviks().size());
-  for (const auto& mailbox : roviks.roviks())
-    if (mailbox != own) out.push_back({mailbox.get(), copy});
-  const auto receivers = static_cast<std::uint32_t>(out.size() - before);
-  if (receivers == 0) RecordPool::release(copy);
+int Outbox::broadcast(const AddressTable& roviks, RovikMessage* copy, Batch& out) {
+  const std::uint32_t receivers = roviks.others(*own);
+  if (receivers == 0) {
+    RecordPool::release(copy);
+    return 0;
+  }
+  out.makeRoom();
   if (receivers > 1) RecordPool::share(copy, receivers - 1);
+  out.add(copy, nullptr);
   return static_cast<int>(receivers);
 }
 
 // Takes over the stamped copy.
-int Outbox::route(const AddressTable& addresses, RovikMessage* copy, std::vector<Pending>& out) {
+int Outbox::route(const AddressTable& addresses, RovikMessage* copy, Batch& out) {
   if (router.tapped()) router.copyToTap(copy);
   if (isBroadcast(*copy)) return broadcast(addresses, copy, out);
   return addressed(find(addresses, *copy), copy, out);
 }
 
 // For want of memory the message is lost, and nothing else.
-int Outbox::routeOrRelease(const AddressTable& addresses, RovikMessage* copy,
-                           std::vector<Pending>& out) {
+int Outbox::routeOrRelease(const AddressTable& addresses, RovikMessage* copy, Batch& out) {
   try {
     return route(addresses, copy, out);
   } catch (const std::bad_alloc&) {
@@ -140,7 +135,7 @@ int Outbox::send(const RovikMessage& msg) {
   if (copy->type == MM_DATA) stampTime(*copy, timeOfSlot());
   sent_inside.store(sent_inside.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   const int receivers = routeOrRelease(addresses, copy, pending);
-  if (pending.size() >= kBatch) flush();
+  if (pending.messages.size() >= kBatch) flush();
   return receivers;
 }
 
@@ -167,41 +162,44 @@ int Outbox::sendNow(const RovikMessage& msg) {
   TimeValue::getCurrentSystemTime(now);
   stampTime(*copy, now);
   sent_outside.fetch_add(1, std::memory_order_relaxed);
-  std::vector<Pending> out;
-  std::vector<RovikMessage*> run;
+  Batch out;
   const auto addresses = router.table();
   const int receivers = routeOrRelease(*addresses, copy, out);
-  handOver(out, run);
+  handOver(*addresses, out, [](Mailbox&) {});
   return receivers;
 }
 
 void Outbox::flush() {
   slot_tick = 0;
   if (pending.empty()) return;
-  handOver(pending, batch);
-  for (const Pending& entry : pending) noteCrowd(*entry.to);
+  handOver(*table, pending, [this](Mailbox& mailbox) { noteCrowd(mailbox); });
   pending.clear();
 }
 
-// Neighbours with the same receiver go in one step; a steady stream to one rovik takes one lock a
-// batch. `run` only lends its memory.
-void Outbox::handOver(const std::vector<Pending>& out, std::vector<RovikMessage*>& run) {
-  try {
-    run.reserve(out.size());
-  } catch (const std::bad_alloc&) {
-    for (const Pending& entry : out) entry.to->put({&entry.msg, 1});
-    return;
-  }
-  for (std::size_t at = 0; at < out.size();) {
-    Mailbox* const to = out[at].to;
-    run.clear();
-    for (; at < out.size() && out[at].to == to; ++at) run.push_back(out[at].msg);
-    to->put(run);
+// Neighbours with the same receivers go in one step: a steady stream takes one lock and one waking
+// a batch.
+template <typename AfterPut>
+void Outbox::handOver(const AddressTable& addresses, const Batch& out, AfterPut afterPut) const {
+  const auto put = [&](Mailbox& mailbox, std::span<RovikMessage* const> run) {
+    mailbox.put(run);
+    afterPut(mailbox);
+  };
+  for (std::size_t begin = 0, end = 0; begin < out.messages.size(); begin = end) {
+    Mailbox* const to = out.receivers[begin];
+    while (end < out.receivers.size() && out.receivers[end] == to) ++end;
+    const std::span run(&out.messages[begin], end - begin);
+    if (to != nullptr) {
+      put(*to, run);
+      continue;
+    }
+    for (const auto& mailbox : addresses.roviks())
+      if (mailbox != own) put(*mailbox, run);
   }
 }
 
 void Outbox::noteCrowd(Mailbox& mailbox) {
-  if (mailbox.depth() <= Mailbox::kHighWater) return;
+  const std::size_t limit = mailbox.contended() ? Mailbox::kLowWater : Mailbox::kHighWater;
+  if (mailbox.depth() <= limit) return;
   for (const auto& known : crowded)
     if (known.get() == &mailbox) return;
   try {

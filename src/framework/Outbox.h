@@ -2,7 +2,9 @@
 // batches.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -50,9 +52,26 @@ class Outbox {
   }
 
  private:
-  struct Pending {
-    Mailbox* to;
-    RovikMessage* msg;
+  // Messages on their way, in the order of sending.
+  struct Batch {
+    std::vector<RovikMessage*> messages;  // with one hold for each receiver
+    std::vector<Mailbox*> receivers;      // of each message; null: every rovik but the sender
+    bool empty() const { return messages.empty(); }
+    // Before anything is noted, since a message is on its way to all of its receivers or to none.
+    void makeRoom() {
+      if (messages.size() < messages.capacity() && receivers.size() < receivers.capacity()) return;
+      const std::size_t more = std::max<std::size_t>(2 * messages.size(), 1);
+      messages.reserve(more);
+      receivers.reserve(more);
+    }
+    void add(RovikMessage* msg, Mailbox* to) {
+      messages.push_back(msg);
+      receivers.push_back(to);
+    }
+    void clear() {
+      messages.clear();
+      receivers.clear();
+    }
   };
   static constexpr std::uint32_t kSeqnrBlock = 256;
   static constexpr std::size_t kBatch = 512;  // all lines of one read, as a rule
@@ -61,12 +80,12 @@ class Outbox {
   static void stampTime(RovikMessage& msg, const timeval& now);
   const timeval& timeOfSlot();
   std::uint32_t nextSeqnr();
-  int route(const AddressTable& addresses, RovikMessage* copy, std::vector<Pending>& out);
-  int addressed(Mailbox* to, RovikMessage* copy, std::vector<Pending>& out);
-  int broadcast(const AddressTable& roviks, RovikMessage* copy, std::vector<Pending>& out);
-  static void makeRoom(std::vector<Pending>& out, std::size_t more);
-  int routeOrRelease(const AddressTable& addresses, RovikMessage* copy, std::vector<Pending>& out);
-  static void handOver(const std::vector<Pending>& out, std::vector<RovikMessage*>& run);
+  int route(const AddressTable& addresses, RovikMessage* copy, Batch& out);
+  int addressed(Mailbox* to, RovikMessage* copy, Batch& out);
+  int broadcast(const AddressTable& roviks, RovikMessage* copy, Batch& out);
+  int routeOrRelease(const AddressTable& addresses, RovikMessage* copy, Batch& out);
+  template <typename AfterPut>
+  void handOver(const AddressTable& addresses, const Batch& out, AfterPut afterPut) const;
   void noteCrowd(Mailbox& mailbox);
   const AddressTable& currentTable();
 
@@ -74,8 +93,7 @@ class Outbox {
   Router& router;
   std::shared_ptr<const AddressTable> table;
   std::uint64_t table_version = 0;
-  std::vector<Pending> pending;
-  std::vector<RovikMessage*> batch;
+  Batch pending;  // addressed by `table`
   std::vector<std::shared_ptr<Mailbox>> crowded;
   std::uint32_t next_seqnr = 0;
   std::uint32_t seqnr_left = 0;  // of the reserved block

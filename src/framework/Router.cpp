@@ -21,10 +21,6 @@ AddressTable::AddressTable(std::vector<std::shared_ptr<Mailbox>> entries)
             [](const Mailbox* a, const Mailbox* b) { return a->name < b->name; });
 }
 
-Mailbox* AddressTable::byId(std::uint32_t id) const {
-  return id < by_id.size() ? by_id[id] : nullptr;
-}
-
 Mailbox* AddressTable::byName(std::string_view name) const {
   const auto found = std::lower_bound(
       by_name.begin(), by_name.end(), name,

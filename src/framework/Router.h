@@ -13,16 +13,28 @@
 
 namespace drovane {
 
+// Roviks have ids up to this one; what lies above belongs to the framework.
+inline constexpr int kHighestRovikId = 16000;
+// The command line's address.
+inline constexpr int kCommandLineId = 16382;
+inline constexpr const char* kCommandLineName = "cli";
+
 // All addresses at one moment. Never changed once made: a sender keeps the one it has as long as
 // it is the current one, and looks addresses up without a lock.
 class AddressTable {
  public:
   explicit AddressTable(std::vector<std::shared_ptr<Mailbox>> entries);
 
-  Mailbox* byId(std::uint32_t id) const;
+  Mailbox* byId(std::uint32_t id) const { return id < by_id.size() ? by_id[id] : nullptr; }
   Mailbox* byName(std::string_view name) const;
   // Roviks only: what a broadcast reaches.
   const std::vector<std::shared_ptr<Mailbox>>& roviks() const { return reachable; }
+  // How many of them are not `mailbox`.
+  std::uint32_t others(const Mailbox& mailbox) const {
+    const bool among =
+        mailbox.id <= kHighestRovikId && byId(static_cast<std::uint32_t>(mailbox.id)) == &mailbox;
+    return static_cast<std::uint32_t>(reachable.size()) - (among ? 1 : 0);
+  }
   const std::vector<std::shared_ptr<Mailbox>>& all() const { return mailboxes; }
 
  private:
@@ -31,12 +43,6 @@ class AddressTable {
   std::vector<Mailbox*> by_id;    // indexed by id
   std::vector<Mailbox*> by_name;  // sorted by name
 };
-
-// Roviks have ids up to this one; what lies above belongs to the framework.
-inline constexpr int kHighestRovikId = 16000;
-// The command line's address.
-inline constexpr int kCommandLineId = 16382;
-inline constexpr const char* kCommandLineName = "cli";
 
 class Router {
  public:

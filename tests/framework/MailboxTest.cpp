@@ -219,6 +219,41 @@ TEST_F(MailboxTest, EveryFeederIsWokenOnce) {
   EXPECT_TRUE(rings(*second));
 }
 
+TEST_F(MailboxTest, FeedersHaveTheirTurnOneAfterTheOther) {
+  const auto first = std::make_shared<Waker>();
+  const auto second = std::make_shared<Waker>();
+  putNotes(Mailbox::kHighWater + 1);
+  EXPECT_TRUE(box->crowded(first));
+  EXPECT_TRUE(box->crowded(second));
+  first->aboutToSleep();
+  second->aboutToSleep();
+  std::vector<RovikMessage*> batch;
+  box->take(batch);
+  box->left(Mailbox::kLowWater);
+  EXPECT_TRUE(rings(*first));
+  EXPECT_FALSE(rings(*second));
+  EXPECT_TRUE(box->contended());
+  EXPECT_FALSE(box->crowded(first));
+  EXPECT_TRUE(box->crowded(second));
+  // The first has had its turn, and is now behind the second.
+  first->awake(true);
+  putNotes(Mailbox::kLowWater + 1);
+  EXPECT_TRUE(box->crowded(first));
+  first->aboutToSleep();
+  for (RovikMessage* msg : batch) RecordPool::release(msg);
+  batch.clear();
+  box->left(0);
+  EXPECT_FALSE(rings(*second));
+  box->take(batch);
+  box->left(Mailbox::kLowWater);
+  EXPECT_TRUE(rings(*second));
+  EXPECT_FALSE(rings(*first));
+  for (RovikMessage* msg : batch) RecordPool::release(msg);
+  box->left(0);
+  EXPECT_TRUE(rings(*first));
+  EXPECT_FALSE(box->contended());
+}
+
 TEST_F(MailboxTest, ClosingFreesTheFeeders) {
   const auto feeder = std::make_shared<Waker>();
   putNotes(Mailbox::kHighWater + 1);
