@@ -34,6 +34,7 @@ struct RegexTable::State {
 
   // Entries that may match, in table order: a superset is fine, each is tried before it counts.
   const std::vector<int>& candidates(std::string_view text);
+  bool buildingPays();
   void rebuild();
   bool matches(Entry& entry, std::string_view text);
 
@@ -43,17 +44,30 @@ struct RegexTable::State {
   std::unique_ptr<RE2::Set> automaton;  // null: walk
   std::vector<int> automaton_entries;   // which entry each expression of the automaton belongs to
   std::vector<int> hits;
-  bool stale = false;  // entries were added since the automaton was built
+  std::size_t built = 0;           // entries that the automaton was built for
+  std::size_t lines_with_new = 0;  // texts since there are entries that it does not know
 
   drovane::RegexGroups groups;
   std::string filled;
 };
 
+// Building costs as much as trying each entry on some dozens of texts. So new entries are first
+// tried one by one, while they are few beside the others and texts have been few since they came:
+// rules may be added while lines arrive.
+bool RegexTable::State::buildingPays() {
+  constexpr std::size_t kFewEntries = 64;
+  constexpr std::size_t kFewLines = 256;
+  const std::size_t added = entries.size() - built;
+  if (added == 0) return false;
+  return built == 0 || added > std::max(kFewEntries, built / 16) || ++lines_with_new > kFewLines;
+}
+
 void RegexTable::State::rebuild() {
-  stale = false;
+  built = entries.size();
+  lines_with_new = 0;
   automaton.reset();
-  if (entries.size() < one_pass_from) return;
   automaton_entries.clear();
+  if (entries.size() < one_pass_from) return;
   auto made = std::make_unique<RE2::Set>(automatonOptions(), RE2::UNANCHORED);
   for (std::size_t i = 0; i < entries.size(); ++i) {
     if (!entries[i].valid) continue;
@@ -64,17 +78,19 @@ void RegexTable::State::rebuild() {
 }
 
 const std::vector<int>& RegexTable::State::candidates(std::string_view text) {
-  if (stale) rebuild();
+  if (buildingPays()) rebuild();
   if (!automaton) return every;
   hits.clear();
   RE2::Set::ErrorInfo error{};
   if (!automaton->Match({text.data(), text.size()}, &hits, &error)) {
-    // Either nothing matches, or the automaton has outgrown its memory on this text.
-    return error.kind == RE2::Set::kNoError ? hits : every;
+    // Either none of its entries matches, or it has outgrown its memory on this text.
+    if (error.kind != RE2::Set::kNoError) return every;
+    hits.clear();
   }
   std::sort(hits.begin(), hits.end());
   std::transform(hits.begin(), hits.end(), hits.begin(),
                  [this](int hit) { return automaton_entries[static_cast<std::size_t>(hit)]; });
+  hits.insert(hits.end(), every.begin() + static_cast<std::ptrdiff_t>(built), every.end());
   return hits;
 }
 
@@ -97,7 +113,6 @@ void RegexTable::add(std::string_view regex, std::string_view output) {
   const bool valid = drovane::compiledRegex(regex)->ok();
   state->every.push_back(static_cast<int>(state->entries.size()));
   state->entries.push_back({std::string(regex), std::string(output), valid, nullptr});
-  state->stale = true;
 }
 
 void RegexTable::match(std::string_view text, const Found& found) {

@@ -152,6 +152,20 @@ TEST_P(RegexTableBothWays, EntriesMayBeAddedAfterAMatch) {
   EXPECT_EQ((Matches{{0, "1"}}), matches("a"));
 }
 
+// New entries are found at once, while they are few and when they have become many.
+TEST_P(RegexTableBothWays, EntriesMayBeAddedWhileTextsArrive) {
+  const auto text = [](std::size_t i) { return "T" + std::to_string(i) + "=on"; };
+  for (std::size_t i = 0; i < 400; ++i) {
+    table.add("^T" + std::to_string(i) + "=(.*)$", "\\1");
+    ASSERT_EQ((Matches{{i, "on"}}), matches(text(i)));
+    ASSERT_EQ((Matches{{i / 2, "on"}}), matches(text(i / 2)));
+    ASSERT_EQ(Matches{}, matches("nothing"));
+  }
+  table.add("on", "last");
+  for (std::size_t i = 0; i < 400; ++i)
+    ASSERT_EQ((Matches{{i, "on"}, {400, "last"}}), matches(text(i)));
+}
+
 TEST_P(RegexTableBothWays, OneMatchAmongThousands) {
   for (int i = 0; i < 3000; ++i)
     table.add("^sensor " + std::to_string(i) + "=(.*)$", std::to_string(i) + ":\\1");
