@@ -62,6 +62,10 @@ int GenericNet::getDescription(cJSON* desc_json) {
 
 int GenericNet::setRegexTableIN(char* key, char* regex, char* output, char* type_text) {
   regexTableIN.emplace_back(key, regex, output, type_text);
+  MMData keyed;
+  keyed.setKey(key);
+  inbound_keys.resize(regexTableIN.size());
+  inbound_keys.back() = {keyed.network_id, keyed.node_id, keyed.value_id};
   inbound.add(regex, output);
   return 0;
 }

@@ -191,14 +191,21 @@ class GenericNet : public LuaRovik {
   std::optional<int> readLink();
   void takeIn(std::optional<int> received);
   void peerGone();
+  class BorrowedUnit;
   void handOverLines();
   void handOverAll();
   void tellScript(const std::string& text, const char* bytes, int length);
-  void sendCatchAll(const std::string& text);
+  void takeUnit(MMData& unit, const char* bytes, int length);
+  void sendCatchAll(MMData& unit);
   void applyRules(const std::string& text);
-  void sendMatch(const RegexRule& rule, const std::string& output);
+  struct KeyNumbers {
+    std::uint32_t network_id = 0;
+    std::uint32_t node_id = 0;
+    std::uint32_t value_id = 0;
+  };
+  void sendMatch(std::size_t index, const std::string& output);
   template <typename Kind>
-  void sendText(const RegexRule& rule, const std::string& text, const char* line);
+  void sendText(std::size_t index, const std::string& text, const char* line);
   void sendRequest(MMActuatorRequest& request);
   int outputOfRule(const char* key, const char* value, char* output);
   int writeLink(const char* data, std::size_t length);
@@ -209,6 +216,7 @@ class GenericNet : public LuaRovik {
   unsigned int link_epoch = 0;
   bool closing = false;  // ROVIK_RCVCLOSE runs; a close that it causes is not a second one
   RegexTable inbound;    // regexTableIN, ready to match
+  std::vector<KeyNumbers> inbound_keys;  // of regexTableIN; all 0 for what is no key
   std::unordered_map<std::string, RegexTable> outbound;  // regexTableOUT by key, ready to match
   std::string spare_text;                                // memory for the next unit's text
 };

@@ -7,12 +7,29 @@
 #include <cstring>
 #include <lua.hpp>
 #include <new>
-#include <utility>
 
 #include "Drovane.h"
 #include "GenericNet.h"
 #include "Owned.h"
 #include "RovikUtil.h"
+
+// The message that carries a unit's text to the catch-all, and the text to the script and the
+// rules. It is a local one, since a callback may send data that is echoed into rcvData; the memory
+// of its text serves unit after unit.
+class GenericNet::BorrowedUnit {
+ public:
+  explicit BorrowedUnit(GenericNet& its_owner) : owner(its_owner) {
+    msg.value_s.swap(owner.spare_text);
+  }
+  ~BorrowedUnit() { msg.value_s.swap(owner.spare_text); }
+  BorrowedUnit(const BorrowedUnit&) = delete;
+  BorrowedUnit& operator=(const BorrowedUnit&) = delete;
+
+  MMData msg;
+
+ private:
+  GenericNet& owner;
+};
 
 int GenericNet::selectFD() {
   if (fd < 0 || !FD_ISSET(fd, &readfds)) return 0;
@@ -74,11 +91,12 @@ void GenericNet::handOverAll() {
 // has emptied the buffer: what was left belongs to a link that is gone.
 void GenericNet::handOverLines() {
   const unsigned int epoch = link_epoch;
+  BorrowedUnit unit(*this);
   int begin = 0;
   while (char* eol = RovikUtil::memxmem(inbuf + begin, inbufpos - begin, eolin, eolin_size)) {
     const int end = static_cast<int>(eol - inbuf);
     const int next = end + eolin_size;
-    rcvData(inbuf + begin, (chopeolin ? end : next) - begin);
+    takeUnit(unit.msg, inbuf + begin, (chopeolin ? end : next) - begin);
     if (link_epoch != epoch) return;
     begin = next;
   }
@@ -90,27 +108,26 @@ void GenericNet::handOverLines() {
 }
 
 int GenericNet::rcvData(char* buf, int buf_size) {
-  if (iodebug) logBytes("rcvData (length = %d): %s\n", buf, buf_size);
-  // The text is a local one, since a callback may send data that is echoed into this function; its
-  // memory serves unit after unit.
-  std::string text = std::exchange(spare_text, {});
-  RovikUtil::escape(text, buf, static_cast<std::size_t>(buf_size));
-  if (unparsedout) sendCatchAll(text);
-  if (lua_state != nullptr) tellScript(text, buf, buf_size);
-  if (reg) applyRules(text);
-  spare_text = std::move(text);
+  BorrowedUnit unit(*this);
+  takeUnit(unit.msg, buf, buf_size);
   return 0;
 }
 
-void GenericNet::sendCatchAll(const std::string& text) {
-  const auto data = createOwned<MMData>(MM_DATA);
-  if (data == nullptr) return;
-  data->network_id = static_cast<std::uint32_t>(network_id);
-  data->value_type = VAL_STRING;
-  data->value_s = text;
+void GenericNet::takeUnit(MMData& unit, const char* bytes, int length) {
+  if (iodebug) logBytes("rcvData (length = %d): %s\n", bytes, length);
+  std::string& text = unit.value_s;
+  RovikUtil::escape(text, bytes, static_cast<std::size_t>(length));
+  if (unparsedout) sendCatchAll(unit);
+  if (lua_state != nullptr) tellScript(text, bytes, length);
+  if (reg) applyRules(text);
+}
+
+void GenericNet::sendCatchAll(MMData& unit) {
+  unit.network_id = static_cast<std::uint32_t>(network_id);
+  unit.value_type = VAL_STRING;
   if (Drovane::global.logs(LOG_LEVEL_DEBUG))
-    trace("Rovik Message: MM_DATA %s = {%s}\n", data->getKey().c_str(), data->value_s.c_str());
-  messageSnd(data.get());
+    trace("Rovik Message: MM_DATA %s = {%s}\n", unit.getKey().c_str(), unit.value_s.c_str());
+  messageSnd(&unit);
 }
 
 // The script gets the text, in raw mode the bytes themselves.
@@ -128,29 +145,32 @@ void GenericNet::tellScript(const std::string& text, const char* bytes, int leng
 
 // Every rule is tried: one unit can become several messages.
 void GenericNet::applyRules(const std::string& text) {
-  inbound.match(text, [this](std::size_t index, const std::string& output) {
-    sendMatch(regexTableIN[index], output);
-  });
+  inbound.match(text,
+                [this](std::size_t index, const std::string& output) { sendMatch(index, output); });
 }
 
-void GenericNet::sendMatch(const RegexRule& rule, const std::string& output) {
-  if (rule.type == MM_ACTUATOR_REQUEST) {
-    sendText<MMActuatorRequest>(rule, output, "Rovik Message: MM_ACTUATOR_REQUEST %s = {%s}\n");
+void GenericNet::sendMatch(std::size_t index, const std::string& output) {
+  if (regexTableIN[index].type == MM_ACTUATOR_REQUEST) {
+    sendText<MMActuatorRequest>(index, output, "Rovik Message: MM_ACTUATOR_REQUEST %s = {%s}\n");
   } else {
-    sendText<MMData>(rule, output, "Rovik Message: MM_DATA %s = {%s}\n");
+    sendText<MMData>(index, output, "Rovik Message: MM_DATA %s = {%s}\n");
   }
 }
 
 template <typename Kind>
-void GenericNet::sendText(const RegexRule& rule, const std::string& text, const char* line) {
-  trace("REGIN MATCH\n");
-  const auto msg = createOwned<Kind>(rule.type);
-  if (msg == nullptr) return;
-  msg->setKey(rule.key.c_str());
-  msg->value_type = VAL_STRING;
-  msg->value_s = text;
-  trace(line, rule.key.c_str(), text.c_str());
-  messageSnd(msg.get());
+void GenericNet::sendText(std::size_t index, const std::string& text, const char* line) {
+  const KeyNumbers& key = inbound_keys[index];
+  Kind msg;
+  msg.network_id = key.network_id;
+  msg.node_id = key.node_id;
+  msg.value_id = key.value_id;
+  msg.value_type = VAL_STRING;
+  msg.value_s = text;
+  if (Drovane::global.logs(LOG_LEVEL_DEBUG)) {
+    trace("REGIN MATCH\n");
+    trace(line, regexTableIN[index].key.c_str(), text.c_str());
+  }
+  messageSnd(&msg);
 }
 
 void GenericNet::logBytes(const char* fmt, const char* bytes, int length) {
