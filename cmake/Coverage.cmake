@@ -4,6 +4,7 @@
 add_library(exit_writers OBJECT ${CMAKE_CURRENT_LIST_DIR}/coverage/ExitWriters.cpp)
 add_library(write_on_exit OBJECT ${CMAKE_CURRENT_LIST_DIR}/coverage/WriteOnExit.cpp)
 
+add_compile_definitions(DROVANE_COVERAGE=1)
 add_compile_options(--coverage -fprofile-update=atomic -fprofile-abs-path)
 add_link_options(--coverage)
 link_libraries(write_on_exit
