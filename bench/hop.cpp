@@ -1,118 +1,56 @@
-// One line at a time: in from one TCP peer, through two roviks, out to another TCP peer.
+// One line at a time: in from one TCP peer, through two roviks, out to another TCP peer; and back
+// to the same peer from a script.
 //
 //   peer ==TCP==> GenericNet ==router==> Forwarder ==TCP==> peer
 //   peer ==TCP==> thread ==eventfd==> thread ==TCP==> peer             the floor
 //
-// One process plays both peers and takes the time from its write to its read.
+//   peer ==TCP==> GenericNet, sndIO in ROVIK_RCVIO ==TCP==> peer
+//   peer ==TCP==> thread ==TCP==> peer                                 the floor
+//
+// One process plays the peers and takes the time from its write to its read.
 #include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdint>
-#include <cstring>
+#include <functional>
 #include <iostream>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "generic_net/GenericNet.h"
-#include "support/Child.h"
+#include "support/Forwarder.h"
 #include "support/Options.h"
 #include "support/QuietLog.h"
 #include "support/Report.h"
+#include "support/RoundTrips.h"
 #include "support/Roviks.h"
+#include "support/ScriptFolder.h"
 #include "support/Sockets.h"
 #include "support/Statistics.h"
-#include "support/Usage.h"
 
 namespace bench {
 namespace {
 
-constexpr int kWarmUp = 100;  // round trips that do not count
+using Back = RoundTripPeers::Back;
 
-struct Job {
-  int rounds;
-};
-
-struct Result {
-  double median_us;
-  double p99_us;
-  int wrong;  // lines that came back changed
-};
-
-// The text of one line with its end, as it came in; shorter when the connection has ended.
-std::string readLine(int socket) {
-  std::string line;
-  std::array<char, 256> buffer;
-  while (line.empty() || line.back() != '\n') {
-    const ssize_t received = read(socket, buffer.data(), buffer.size());
-    if (received <= 0) break;
-    line.append(buffer.data(), static_cast<std::size_t>(received));
-  }
-  return line;
-}
-
-Result roundTrips(int out, int in, int rounds) {
-  std::vector<double> samples;
-  int wrong = 0;
-  for (int i = -kWarmUp; i < rounds; ++i) {
-    const std::string line = "T17=" + std::to_string(1000 + kWarmUp + i) + "\n";
-    const auto begun = SteadyClock::now();
-    writeAll(out, line);
-    const bool same = readLine(in) == line;
-    const auto ended = SteadyClock::now();
-    if (!same) ++wrong;
-    if (i >= 0) samples.push_back(secondsSince(begun, ended) * 1e6);
-  }
-  return {quantile(samples, 0.5), quantile(samples, 0.99), wrong};
-}
-
-void playPeers(const Listener& first, const Listener& second, int channel) {
-  while (const auto job = receiveRecord<Job>(channel)) {
-    const drovane::Descriptor out = first.accept();
-    const drovane::Descriptor in = second.accept();
-    sendAtOnce(out.get());
-    sendRecord(channel, roundTrips(out.get(), in.get(), job->rounds));
-  }
-}
+constexpr const char* kAnswering = R"(
+function ROVIK_INIT(me) m_p = me end
+function ROVIK_RCVIO(line) sndIO(line) end
+)";
 
 // --- The hop
-// ---------------------------------------------------------------------------------------
 
-class Forwarder : public Rovik {
- public:
-  explicit Forwarder(int port) : socket(connectTo(port)) {}
-  int selectMM(RovikMessage* msg) override {
-    if (msg->type != MM_DATA) return 0;
-    line.assign(static_cast<MMData*>(msg)->value_s).push_back('\n');
-    writeAll(socket.get(), line);
-    return 0;
-  }
-
- private:
-  const drovane::Descriptor socket;
-  std::string line;
-};
-
-Result hop(Child& peers, int first, int second, const Job& job) {
-  const auto forwarder = makeRovik<Forwarder>(2, "forwarder", second);
+RoundTrips hop(RoundTripPeers& peers, int rounds) {
+  const auto forwarder = makeRovik<Forwarder>(2, "forwarder", peers.backPort());
   const auto link = makeRovik<GenericNet>(1, "link");
-  openLink(*link, first);
+  openLink(*link, peers.port());
   startThread(*forwarder);
   startThread(*link);
-  peers.send(job);
-  const Result result = peers.receive<Result>();
-  return result;
+  return peers.measure(rounds, Back::OtherConnection);
 }
-
-// --- The floor
-// -------------------------------------------------------------------------------------
 
 // Texts from one thread to another, one bell for each.
 class Handover {
@@ -143,9 +81,9 @@ class Handover {
   std::vector<std::string> waiting;
 };
 
-Result floorRun(Child& peers, int first, int second, const Job& job) {
-  const drovane::Descriptor in = connectTo(first);
-  const drovane::Descriptor out = connectTo(second);
+RoundTrips twoThreads(RoundTripPeers& peers, int rounds) {
+  const drovane::Descriptor in = connectTo(peers.port());
+  const drovane::Descriptor out = connectTo(peers.backPort());
   Handover handover;
   std::thread reader([&] {
     for (std::string line = readLine(in.get()); !line.empty(); line = readLine(in.get()))
@@ -156,42 +94,76 @@ Result floorRun(Child& peers, int first, int second, const Job& job) {
     for (std::string line = handover.take(); !line.empty(); line = handover.take())
       writeAll(out.get(), line);
   });
-  peers.send(job);
-  const Result result = peers.receive<Result>();
+  const RoundTrips result = peers.measure(rounds, Back::OtherConnection);
   reader.join();
   writer.join();
   return result;
 }
 
-int run(const Options& options) {
-  const Listener first;
-  const Listener second;
-  Child peers([&](int channel) { playPeers(first, second, channel); });
-  const QuietLog log;
-  Report report("hop", options);
-  const Job job{options.quick ? 200 : 20'000};
-  const int pairs = options.quick ? 1 : 7;
+// --- The answer
+
+RoundTrips scriptAnswers(RoundTripPeers& peers, int rounds) {
+  const auto link = makeRovik<GenericNet>(1, "link");
+  for (const Words& words : scriptCommands("answering.lua")) command(*link, words);
+  for (const char* setting : {"persist", "addeol"}) command(*link, {setting, "on"});
+  command(*link, {"unparsedout", "off"});
+  openLink(*link, peers.port());
+  startThread(*link);
+  return peers.measure(rounds, Back::SameConnection);
+}
+
+RoundTrips threadAnswers(RoundTripPeers& peers, int rounds) {
+  const drovane::Descriptor socket = connectTo(peers.port());
+  std::thread echo([&] {
+    for (std::string line = readLine(socket.get()); !line.empty(); line = readLine(socket.get()))
+      writeAll(socket.get(), line);
+  });
+  const RoundTrips result = peers.measure(rounds, Back::SameConnection);
+  echo.join();
+  return result;
+}
+
+// --- The pairs
+
+struct Plan {
+  int rounds;
+  int pairs;
+};
+
+using Arm = std::function<RoundTrips(int rounds)>;
+
+void compare(const std::string& name, const Plan& plan, const Arm& arm, const Arm& floor_arm,
+             double at_most, Report& report) {
   Pairs medians, p99s;
-  for (int pair = 1; pair <= pairs; ++pair) {
-    std::cerr << "hop: pair " << pair << " of " << pairs << '\n';
-    const Result floor = floorRun(peers, first.port, second.port, job);
-    const Result measured = hop(peers, first.port, second.port, job);
-    if (floor.wrong > 0 || measured.wrong > 0) report.fault("lines came back changed");
+  for (int pair = 1; pair <= plan.pairs; ++pair) {
+    std::cerr << "hop: " << name << ", pair " << pair << " of " << plan.pairs << '\n';
+    const RoundTrips floor = floor_arm(plan.rounds);
+    const RoundTrips measured = arm(plan.rounds);
+    if (floor.wrong > 0 || measured.wrong > 0)
+      report.fault(name + ": a line did not come back as it was");
     medians.add(measured.median_us, floor.median_us);
     p99s.add(measured.p99_us, floor.p99_us);
   }
-  report.add({"round trip, median",
-              median(medians.figure),
-              "us",
-              median(medians.floor),
-              medians.ratio(),
-              {}});
-  report.add({"round trip, 99 of 100 below",
-              median(p99s.figure),
-              "us",
-              median(p99s.floor),
-              p99s.ratio(),
-              {}});
+  const Goal goal{Goal::Relation::Below, at_most};
+  report.add({name + ", median", median(medians.figure), "us", median(medians.floor),
+              medians.ratio(), goal});
+  report.add({name + ", 99 of 100 below", median(p99s.figure), "us", median(p99s.floor),
+              p99s.ratio(), goal});
+}
+
+int run(const Options& options) {
+  RoundTripPeers peers;
+  const QuietLog log;
+  const ScriptFolder folder;
+  folder.add("answering.lua", kAnswering);
+  Report report("hop", options);
+  const Plan plan = options.quick ? Plan{200, 1} : Plan{20'000, 7};
+  compare(
+      "round trip", plan, [&](int rounds) { return hop(peers, rounds); },
+      [&](int rounds) { return twoThreads(peers, rounds); }, 1.3, report);
+  compare(
+      "a script's answer", plan, [&](int rounds) { return scriptAnswers(peers, rounds); },
+      [&](int rounds) { return threadAnswers(peers, rounds); }, 1.5, report);
   return report.finish();
 }
 

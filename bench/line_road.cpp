@@ -1,348 +1,158 @@
 // The main road: lines from a TCP peer, through GenericNet and the router, into another rovik.
 //
-//   sender process ==TCP==> GenericNet ==router==> Counter
+//   sender process ==TCP==> GenericNet ==router==> Receiver
 //   sender process ==TCP==> thread ==batched queue==> thread        the floor
 //
-// Both arms read the same bytes from the same sender and hand every line over on its own.
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <condition_variable>
-#include <cstdint>
-#include <cstring>
-#include <future>
+// Both read the same bytes from the same sender and hand every line over on its own; with the rule
+// what the road hands over is the rule's group.
 #include <iostream>
-#include <iterator>
-#include <memory>
-#include <mutex>
-#include <stdexcept>
+#include <optional>
 #include <string>
-#include <string_view>
-#include <thread>
-#include <utility>
 #include <vector>
 
-#include "generic_net/GenericNet.h"
-#include "support/Allocations.h"
-#include "support/Child.h"
+#include "support/LineFloor.h"
+#include "support/LineRoad.h"
+#include "support/LineRun.h"
+#include "support/Lines.h"
 #include "support/Options.h"
 #include "support/QuietLog.h"
 #include "support/Report.h"
-#include "support/Roviks.h"
-#include "support/Sockets.h"
 #include "support/Statistics.h"
-#include "support/Usage.h"
+#include "support/SystemCalls.h"
 
 namespace bench {
 namespace {
 
-constexpr std::chrono::seconds kPatience{40};
-constexpr std::size_t kBlockBytes = 250'000;  // of ready-made lines; stays in a core's cache
-constexpr std::size_t kNumberDigits = 9;
-
-// Numbered lines of `size` bytes, line feed included, to be sent round and round.
-class Block {
- public:
-  explicit Block(std::size_t line_size) : size(line_size), count(kBlockBytes / line_size) {
-    for (std::size_t i = 0; i < count; ++i) {
-      const std::string number = std::to_string(i);
-      bytes.append(kNumberDigits - number.size(), '0').append(number);
-      bytes.append(size - 1 - kNumberDigits, 'x').append("\n");
-    }
-  }
-  std::string_view text(std::size_t index) const { return {&bytes[index * size], size - 1}; }
-
-  const std::size_t size;
-  const std::size_t count;
-  std::string bytes;
-};
-
-struct Job {
-  std::uint32_t line_size;
-  std::uint64_t lines;
-};
-
-// Sends what is asked for to whoever has connected, and then the end of the stream.
-void serve(const Listener& listener, int channel) {
-  while (const auto job = receiveRecord<Job>(channel)) {
-    const Block block(job->line_size);
-    const drovane::Descriptor peer = listener.accept();
-    for (std::uint64_t left = job->lines; left > 0;) {
-      const auto now = static_cast<std::size_t>(std::min<std::uint64_t>(left, block.count));
-      writeAll(peer.get(), std::string_view(block.bytes).substr(0, now * block.size));
-      left -= now;
-    }
-    shutdown(peer.get(), SHUT_WR);
-    awaitClose(peer.get());
-  }
-}
-
-// At the receiving end: every line once, in order, with its text.
-class LineCheck {
- public:
-  LineCheck(const Block& its_block, std::uint64_t lines, bool count_allocations)
-      : block(its_block), expected(lines), counting(count_allocations) {}
-
-  void take(std::string_view text) {
-    if (text != block.text(index)) ++wrong;
-    index = index + 1 == block.count ? 0 : index + 1;
-    ++seen;
-    if (seen == expected / 2 && counting) beginAllocationCount();
-    if (seen == expected) {
-      if (counting) allocations = endAllocationCount();
-      ended.set_value(SteadyClock::now());
-    }
-  }
-
-  // When the last line came; now, when it does not come in time.
-  SteadyClock::time_point awaitLast() {
-    auto last = ended.get_future();
-    return last.wait_for(kPatience) == std::future_status::ready ? last.get() : SteadyClock::now();
-  }
-
-  // The receiver has ended. Empty when all is well.
-  std::string fault() const {
-    if (seen == expected && wrong == 0) return "";
-    return std::to_string(seen) + " of " + std::to_string(expected) + " lines arrived, " +
-           std::to_string(wrong) + " of them out of order or changed";
-  }
-  double allocationsPerLine() const {
-    return static_cast<double>(allocations) / static_cast<double>(expected - expected / 2);
-  }
-
- private:
-  const Block& block;
-  const std::uint64_t expected;
-  const bool counting;
-  std::size_t index = 0;
-  std::uint64_t seen = 0;
-  std::uint64_t wrong = 0;
-  std::uint64_t allocations = 0;
-  std::promise<SteadyClock::time_point> ended;
-};
-
-struct Run {
-  double seconds;
-  Usage usage;
-  double allocations;  // per line, in the second half
-  std::string fault;
-};
-
-// Lets the sender go and waits for the last line.
-Run measure(Child& sender, const Job& job, LineCheck& check) {
-  const Usage before = Usage::now();
-  const auto begun = SteadyClock::now();
-  sender.send(job);
-  const auto ended = check.awaitLast();
-  return {secondsSince(begun, ended), Usage::now() - before, check.allocationsPerLine(), ""};
-}
-
-// --- The road
-// --------------------------------------------------------------------------------------
-
-class Counter : public Rovik {
- public:
-  explicit Counter(LineCheck& its_check) : check(its_check) {}
-  int selectMM(RovikMessage* msg) override {
-    if (msg->type == MM_DATA) check.take(static_cast<MMData*>(msg)->value_s);
-    return 0;
-  }
-
- private:
-  LineCheck& check;
-};
-
-// GenericNet closes its link at the end of the stream: then every line is on its way.
-void awaitQuiet(Rovik& link, Rovik& counter) {
-  const auto deadline = SteadyClock::now() + kPatience;
-  while (hostOf(link).status().link_open || hostOf(counter).status().queued > 0) {
-    if (SteadyClock::now() > deadline) throw std::runtime_error("the link does not close");
-    std::this_thread::yield();
-  }
-}
-
-Run road(Child& sender, int port, const Job& job, LineCheck& check) {
-  const auto counter = makeRovik<Counter>(2, "counter", check);
-  const auto link = makeRovik<GenericNet>(1, "link");
-  openLink(*link, port);
-  startThread(*counter);
-  startThread(*link);
-  Run run = measure(sender, job, check);
-  awaitQuiet(*link, *counter);
-  link->stop();
-  counter->stop();
-  run.fault = check.fault();
-  return run;
-}
-
-// --- The floor
-// -------------------------------------------------------------------------------------
-
-template <std::size_t Size>
-struct Line {
-  std::uint32_t length;
-  std::array<char, Size> text;
-};
-
-template <std::size_t Size>
-class LineQueue {
- public:
-  using Batch = std::vector<std::unique_ptr<Line<Size>>>;
-
-  // Leaves `lines` empty.
-  void put(Batch& lines) {
-    {
-      const std::lock_guard guard(lock);
-      if (waiting.empty()) {
-        waiting.swap(lines);
-      } else {
-        std::move(lines.begin(), lines.end(), std::back_inserter(waiting));
-      }
-    }
-    more.notify_one();
-    lines.clear();
-  }
-
-  void close() {
-    const std::lock_guard guard(lock);
-    closed = true;
-    more.notify_one();
-  }
-
-  // False when nothing waits and nothing more will come.
-  bool take(Batch& lines) {
-    std::unique_lock guard(lock);
-    more.wait(guard, [this] { return closed || !waiting.empty(); });
-    lines.swap(waiting);
-    return !lines.empty();
-  }
-
- private:
-  std::mutex lock;
-  std::condition_variable more;
-  Batch waiting;
-  bool closed = false;
-};
-
-template <std::size_t Size>
-void readLines(int socket, LineQueue<Size>& queue) {
-  std::array<char, 4096> buffer;
-  std::size_t held = 0;
-  typename LineQueue<Size>::Batch batch;
-  while (true) {
-    const ssize_t received = read(socket, buffer.data() + held, buffer.size() - held);
-    if (received <= 0) break;
-    held += static_cast<std::size_t>(received);
-    const char* begin = buffer.data();
-    const char* const end = begin + held;
-    while (const void* eol = std::memchr(begin, '\n', static_cast<std::size_t>(end - begin))) {
-      auto line = std::make_unique_for_overwrite<Line<Size>>();
-      line->length = static_cast<std::uint32_t>(static_cast<const char*>(eol) - begin);
-      std::memcpy(line->text.data(), begin, line->length);
-      begin += line->length + 1;
-      batch.push_back(std::move(line));
-    }
-    held = static_cast<std::size_t>(end - begin);
-    std::memmove(buffer.data(), begin, held);
-    if (!batch.empty()) queue.put(batch);
-  }
-  queue.close();
-}
-
-template <std::size_t Size>
-Run floorRun(Child& sender, int port, const Job& job, LineCheck& check) {
-  LineQueue<Size> queue;
-  const drovane::Descriptor socket = connectTo(port);
-  std::thread receiver([&] {
-    typename LineQueue<Size>::Batch batch;
-    while (queue.take(batch)) {
-      for (auto& line : batch) {
-        check.take({line->text.data(), line->length});
-        line.reset();
-      }
-      batch.clear();
-    }
-  });
-  std::thread reader([&] { readLines<Size>(socket.get(), queue); });
-  Run run = measure(sender, job, check);
-  reader.join();
-  receiver.join();
-  run.fault = check.fault();
-  return run;
-}
-
-// --- The pairs
-// -------------------------------------------------------------------------------------
+constexpr Goal kThreeQuarters{Goal::Relation::AtLeast, 0.75};
+constexpr Goal kRuleShare{Goal::Relation::AtLeast, 0.45};
+// Less than what one in a thousand lines could cause.
+constexpr Goal kNoAllocation{Goal::Relation::Below, 0.001, Goal::Of::Figure};
+constexpr Goal kFewCalls{Goal::Relation::Below, 0.05, Goal::Of::Figure};
 
 struct Plan {
   std::uint64_t lines;
   int pairs;
 };
 
-class Sizes {
+// A way to set the road up, and what is asked of it.
+struct Arm {
+  std::string name;
+  LineForm form;
+  LineCheck::Wanted wanted;
+  std::vector<Words> settings;
+  std::optional<Goal> lines_goal;
+  std::optional<Goal> bytes_goal;
+  std::optional<Goal> calls_goal;
+};
+
+struct Figures {
+  Pairs lines;
+  Pairs bytes;
+  Pairs cpu;
+  Pairs sleeps;
+};
+
+class Roads {
  public:
-  Sizes(Child& its_sender, int its_port, Report& its_report)
-      : sender(its_sender), port(its_port), report(its_report) {}
+  Roads(LineSource& its_source, SystemCalls& its_calls, Report& its_report)
+      : source(its_source), calls(its_calls), report(its_report) {}
 
   template <std::size_t Size>
-  void compare(const Plan& plan) {
-    const Block block(Size);
-    const Job job{Size, plan.lines};
-    Pairs lines, bytes, cpu, sleeps, allocations;
-    // The pair before the first warms up, and counts allocations, which costs time.
+  void compare(const Arm& arm, const Plan& plan) {
+    const Block block(arm.form, Size);
+    const Job job{arm.form, Size, plan.lines};
+    SteadyCounts floor_counts(calls), road_counts(calls);
+    Figures figures;
     for (int pair = 0; pair <= plan.pairs; ++pair) {
-      std::cerr << "line_road: " << Size << " bytes, pair " << pair << " of " << plan.pairs << '\n';
-      LineCheck floor_check(block, plan.lines, pair == 0);
-      const Run floor = floorRun<Size>(sender, port, job, floor_check);
-      LineCheck road_check(block, plan.lines, pair == 0);
-      const Run measured = road(sender, port, job, road_check);
-      note("floor", floor);
-      note("road", measured);
-      const auto count = static_cast<double>(plan.lines);
-      if (pair == 0) {
-        allocations.add(measured.allocations, floor.allocations);
-        continue;
+      // The pair before the first warms up, and counts, which costs time.
+      const bool counting = pair == 0;
+      if (counting) calls.begin();
+      std::cerr << "line_road: " << arm.name << ", pair " << pair << " of " << plan.pairs << '\n';
+      LineCheck floor_check(block, LineCheck::Wanted::Line, plan.lines,
+                            counting ? &floor_counts : nullptr);
+      const Run floor = floorRun<Size>(source, job, floor_check);
+      LineCheck road_check(block, arm.wanted, plan.lines, counting ? &road_counts : nullptr);
+      const Run measured = road(source, job, arm.settings, road_check);
+      note(arm.name + ", floor", floor);
+      note(arm.name, measured);
+      if (counting) {
+        calls.end();
+      } else {
+        add(figures, job, measured, floor);
       }
-      lines.add(count / measured.seconds, count / floor.seconds);
-      bytes.add(count * Size / measured.seconds / 1e6, count * Size / floor.seconds / 1e6);
-      cpu.add(measured.usage.cpu_seconds / count * 1e9, floor.usage.cpu_seconds / count * 1e9);
-      sleeps.add(static_cast<double>(measured.usage.sleeps) / count * 1e3,
-                 static_cast<double>(floor.usage.sleeps) / count * 1e3);
     }
-    const std::string size = std::to_string(Size) + " B, ";
-    add(size + "lines", "lines/s", lines, Goal{Goal::Relation::AtLeast, 0.35});
-    add(size + "bytes", "MB/s", bytes, std::nullopt);
-    add(size + "processor time a line", "ns", cpu, std::nullopt);
-    report.add({size + "sleeps in 1,000 lines", median(sleeps.figure), "", median(sleeps.floor),
-                std::nullopt, std::nullopt});
-    report.add({size + "allocations a line", median(allocations.figure), "",
-                median(allocations.floor), std::nullopt, std::nullopt});
+    show(arm, figures);
+    showCounts(arm, plan.lines - plan.lines / 2, road_counts, floor_counts);
   }
 
  private:
   void note(const std::string& arm, const Run& run) {
     if (!run.fault.empty()) report.fault(arm + ": " + run.fault);
   }
-  void add(const std::string& name, const std::string& unit, const Pairs& pairs,
-           std::optional<Goal> goal) {
+
+  static void add(Figures& figures, const Job& job, const Run& run, const Run& floor) {
+    const auto count = static_cast<double>(job.lines);
+    const double megabytes = count * job.line_size / 1e6;
+    figures.lines.add(count / run.seconds, count / floor.seconds);
+    figures.bytes.add(megabytes / run.seconds, megabytes / floor.seconds);
+    figures.cpu.add(run.usage.cpu_seconds / count * 1e9, floor.usage.cpu_seconds / count * 1e9);
+    figures.sleeps.add(static_cast<double>(run.usage.sleeps) / count * 1e3,
+                       static_cast<double>(floor.usage.sleeps) / count * 1e3);
+  }
+
+  void show(const Arm& arm, const Figures& figures) {
+    showPairs(arm.name + ", lines", "lines/s", figures.lines, arm.lines_goal);
+    showPairs(arm.name + ", bytes", "MB/s", figures.bytes, arm.bytes_goal);
+    showPairs(arm.name + ", processor time a line", "ns", figures.cpu, std::nullopt);
+    report.add({arm.name + ", sleeps in 1,000 lines", median(figures.sleeps.figure), "",
+                median(figures.sleeps.floor), std::nullopt, std::nullopt});
+  }
+
+  void showPairs(const std::string& name, const std::string& unit, const Pairs& pairs,
+                 std::optional<Goal> goal) {
     report.add({name, median(pairs.figure), unit, median(pairs.floor), pairs.ratio(), goal});
   }
 
-  Child& sender;
-  const int port;
+  void showCounts(const Arm& arm, std::uint64_t lines, const SteadyCounts& road,
+                  const SteadyCounts& floor) {
+    const auto a_line = [lines](std::uint64_t count) {
+      return static_cast<double>(count) / static_cast<double>(lines);
+    };
+    report.add({arm.name + ", allocations a line", a_line(road.allocations), "",
+                a_line(floor.allocations), std::nullopt, kNoAllocation});
+    if (!calls.whyNot().empty()) return;
+    report.add({arm.name + ", system calls a line", a_line(road.system_calls), "",
+                a_line(floor.system_calls), std::nullopt, arm.calls_goal});
+  }
+
+  LineSource& source;
+  SystemCalls& calls;
   Report& report;
 };
 
+const std::vector<Words> kOneRule = {
+    {"unparsedout", "off"}, {"reg", "on"}, {"regin", "5_1_17", "^T17=([0-9.]+)$", "\\1"}};
+
+// Of long lines one read of the link's buffer holds only four.
+const Arm kShort{"10 B", LineForm::Numbered, LineCheck::Wanted::Line, {}, kThreeQuarters,
+                 {},     kFewCalls};
+const Arm kLong{"1000 B", LineForm::Numbered, LineCheck::Wanted::Line, {}, {}, kThreeQuarters, {}};
+const Arm kRule{"10 B, one rule", LineForm::Reading, LineCheck::Wanted::Value,
+                kOneRule,         kRuleShare,        {},
+                kFewCalls};
+
 int run(const Options& options) {
-  const Listener listener;
-  Child sender([&listener](int channel) { serve(listener, channel); });
+  LineSource source;
+  SystemCalls calls;
   const QuietLog log;
   Report report("line_road", options);
-  Sizes sizes(sender, listener.port, report);
-  sizes.compare<10>(options.quick ? Plan{50'000, 1} : Plan{3'000'000, 7});
-  sizes.compare<1000>(options.quick ? Plan{5'000, 1} : Plan{500'000, 7});
+  Roads roads(source, calls, report);
+  const Plan many = options.quick ? Plan{50'000, 1} : Plan{3'000'000, 7};
+  roads.compare<10>(kShort, many);
+  roads.compare<1000>(kLong, options.quick ? Plan{5'000, 1} : Plan{500'000, 7});
+  roads.compare<10>(kRule, options.quick ? many : Plan{2'000'000, 7});
+  if (!calls.whyNot().empty())
+    std::cerr << "line_road: system calls a line: not measured: " << calls.whyNot() << '\n';
   return report.finish();
 }
 

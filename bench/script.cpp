@@ -2,12 +2,8 @@
 // same line without a script; sndDATA from a loop in a script, against the same message sent from
 // C++; and what an idle interpreter keeps in memory.
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <lua.hpp>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -19,6 +15,7 @@
 #include "support/QuietLog.h"
 #include "support/Report.h"
 #include "support/Roviks.h"
+#include "support/ScriptFolder.h"
 #include "support/Statistics.h"
 #include "support/Usage.h"
 
@@ -34,28 +31,6 @@ function send(words)
   for i = 1, tonumber(words.arg1) do sndDATA("1_1_0", "int", i, 2) end
 end
 )";
-
-// An installation root with the script in it.
-class ScriptFolder {
- public:
-  ScriptFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "bench-script-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    root = pattern;
-    std::filesystem::create_directory(root + "/lua");
-    std::ofstream(root + "/lua/bench.lua") << kScript;
-    Drovane::global.setInstRoot(root);
-  }
-  ~ScriptFolder() {
-    std::error_code error;
-    std::filesystem::remove_all(root, error);
-  }
-  ScriptFolder(const ScriptFolder&) = delete;
-  ScriptFolder& operator=(const ScriptFolder&) = delete;
-
- private:
-  std::string root;
-};
 
 class Net : public GenericNet {
  public:
@@ -108,8 +83,7 @@ class Sink : public Rovik {
 };
 
 void openScript(Net& net) {
-  command(net, {"luafile", "bench.lua"});
-  command(net, {"luaopen"});
+  for (const Words& words : scriptCommands("bench.lua")) command(net, words);
 }
 
 std::uint64_t linesSeen(Net& net) { return std::stoull(hostOf(net).command({"count"}).text); }
@@ -174,6 +148,7 @@ void idleMemory(Report& report) {
 int run(const Options& options) {
   const QuietLog log;
   const ScriptFolder folder;
+  folder.add("bench.lua", kScript);
   Report report("script", options);
   compareLines(report, options.quick);
   compareSending(report, options.quick);

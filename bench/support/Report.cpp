@@ -19,6 +19,8 @@ namespace {
 
 constexpr std::size_t kColumns = 7;
 using Row = std::array<std::string, kColumns>;
+constexpr const char* kOfRatio = "ratio";
+constexpr const char* kOfFigure = "figure";
 constexpr std::array<bool, kColumns> kFlushRight = {false, true, false, true, false, false, false};
 
 std::string withDigits(double number, int digits) {
@@ -59,6 +61,13 @@ std::string ratioText(const cJSON* ratio) {
          ratioPart(ratio, "highest") + ")";
 }
 
+// "< 1.50" for a ratio, "< 40.00 KB" for the figure itself.
+std::string goalText(const cJSON* goal, const std::string& unit) {
+  const std::string relation = textIn(goal, "relation") + " ";
+  if (textIn(goal, "of") == kOfRatio) return relation + withDigits(numberIn(goal, "limit"), 2);
+  return relation + readable(numberIn(goal, "limit")) + (unit.empty() ? "" : " " + unit);
+}
+
 Row rowOf(const cJSON* figure) {
   Row row = {textIn(figure, "bench") + ": " + textIn(figure, "name"),
              readable(numberIn(figure, "value")), textIn(figure, "unit")};
@@ -67,7 +76,7 @@ Row rowOf(const cJSON* figure) {
   if (ratio != nullptr) row[4] = ratioText(ratio);
   const cJSON* goal = cJSON_GetObjectItemCaseSensitive(figure, "goal");
   if (goal == nullptr) return row;
-  row[5] = textIn(goal, "relation") + " " + withDigits(numberIn(goal, "ratio"), 2);
+  row[5] = goalText(goal, row[2]);
   row[6] = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(figure, "met")) ? "yes" : "NO";
   return row;
 }
@@ -83,9 +92,27 @@ void printRow(const Row& row, const std::array<std::size_t, kColumns>& widths) {
   std::cout << line << '\n';
 }
 
-bool met(const Goal& goal, const Spread& ratio) {
-  return goal.relation == Goal::Relation::AtLeast ? ratio.median >= goal.ratio
-                                                  : ratio.median < goal.ratio;
+bool met(const Goal& goal, const Figure& figure) {
+  const double reached = goal.of == Goal::Of::Ratio ? figure.ratio->median : figure.value;
+  return goal.relation == Goal::Relation::AtLeast ? reached >= goal.limit : reached < goal.limit;
+}
+
+void addRatio(cJSON* object, const Spread& spread) {
+  cJSON* ratio = cJSON_AddObjectToObject(object, "ratio");
+  cJSON_AddNumberToObject(ratio, "median", spread.median);
+  cJSON_AddNumberToObject(ratio, "lowest", spread.lowest);
+  cJSON_AddNumberToObject(ratio, "highest", spread.highest);
+}
+
+void addGoal(cJSON* object, const Goal& goal, const Figure& figure) {
+  const bool of_ratio = goal.of == Goal::Of::Ratio;
+  if (of_ratio && !figure.ratio) throw std::logic_error("no ratio for the goal of " + figure.name);
+  cJSON* target = cJSON_AddObjectToObject(object, "goal");
+  const bool at_least = goal.relation == Goal::Relation::AtLeast;
+  cJSON_AddStringToObject(target, "of", of_ratio ? kOfRatio : kOfFigure);
+  cJSON_AddStringToObject(target, "relation", at_least ? ">=" : "<");
+  cJSON_AddNumberToObject(target, "limit", goal.limit);
+  cJSON_AddBoolToObject(object, "met", met(goal, figure));
 }
 
 void writeResults(const std::string& file, const cJSON* document) {
@@ -110,17 +137,8 @@ void Report::add(const Figure& figure) {
   cJSON_AddStringToObject(object, "unit", figure.unit.c_str());
   cJSON_AddBoolToObject(object, "quick", options.quick);
   if (figure.floor) cJSON_AddNumberToObject(object, "floor", *figure.floor);
-  if (!figure.ratio) return;
-  cJSON* ratio = cJSON_AddObjectToObject(object, "ratio");
-  cJSON_AddNumberToObject(ratio, "median", figure.ratio->median);
-  cJSON_AddNumberToObject(ratio, "lowest", figure.ratio->lowest);
-  cJSON_AddNumberToObject(ratio, "highest", figure.ratio->highest);
-  if (!figure.goal) return;
-  cJSON* goal = cJSON_AddObjectToObject(object, "goal");
-  const bool at_least = figure.goal->relation == Goal::Relation::AtLeast;
-  cJSON_AddStringToObject(goal, "relation", at_least ? ">=" : "<");
-  cJSON_AddNumberToObject(goal, "ratio", figure.goal->ratio);
-  cJSON_AddBoolToObject(object, "met", met(*figure.goal, *figure.ratio));
+  if (figure.ratio) addRatio(object, *figure.ratio);
+  if (figure.goal) addGoal(object, *figure.goal, figure);
 }
 
 void Report::fault(const std::string& what) {

@@ -12,11 +12,14 @@
 
 namespace bench {
 
-// What a figure's ratio to its floor has to be.
+// What a figure's ratio to its floor has to be (the median of the pairs counts), or the figure
+// itself, in its own unit.
 struct Goal {
   enum class Relation { AtLeast, Below };
+  enum class Of { Ratio, Figure };
   Relation relation;
-  double ratio;
+  double limit;
+  Of of = Of::Ratio;
 };
 
 struct Figure {
@@ -32,6 +35,7 @@ class Report {
  public:
   Report(std::string bench, Options options);
 
+  // Throws std::logic_error when the goal is about a ratio that the figure does not have.
   void add(const Figure& figure);
 
   // Something that was measured turned out wrong: the figures then count for nothing.

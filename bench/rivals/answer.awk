@@ -1,0 +1,2 @@
+# Each value as a line.
+{ print $2 }
