@@ -71,10 +71,10 @@ class Rovik : public Thread {
   virtual int selectTI();
 
  protected:
-  // Queues a copy of `msg` for its destination and returns at once; the caller still owns `msg`.
-  // What is still zero is filled in on the copy: seqnr, src, src_s and a data value's time. From
-  // inside a slot or a command the copy leaves when that returns, when 512 are waiting, or when the
-  // rovik sends a request and waits. Any thread may call. 0, or -1 when nobody has that address.
+  // Queues a copy of `msg`, which stays the caller's, and fills in what is zero on it: seqnr, src,
+  // src_s and a data value's time. From inside a slot or a command it leaves when that returns (or
+  // soon after, while the link has more to read), when 512 wait, or when the rovik sends a request
+  // and waits. Any thread may call. 0, or -1 when nobody has that address.
   int messageSnd(RovikMessage* msg);
 
   // Sends `msg`, a request, and waits at most 5 s for the answer: a message of a reply kind

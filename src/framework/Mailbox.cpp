@@ -85,13 +85,22 @@ std::size_t Mailbox::depthLocked() const {
   return queue.size() + in_hand.load(std::memory_order_seq_cst);
 }
 
+// False when there is no memory for it: the feeder goes on then, and the hard limit guards.
+bool Mailbox::lineUp(const std::shared_ptr<Waker>& feeder) {
+  try {
+    feeders.push_back(feeder);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 bool Mailbox::crowded(const std::shared_ptr<Waker>& feeder) {
   if (depth() <= kLowWater && !contended()) return false;
   MutexLock guard(lock);
   if (closed) return false;
   if (std::find(feeders.begin(), feeders.end(), feeder) == feeders.end()) {
-    if (depthLocked() <= kLowWater) return false;  // its turn
-    feeders.push_back(feeder);
+    if (depthLocked() <= kLowWater || !lineUp(feeder)) return false;
   }
   feeders_wait.store(true, std::memory_order_seq_cst);
   // Only now: a receiver that empties the mailbox after this look sees feeders_wait.
@@ -107,6 +116,7 @@ void Mailbox::close() {
     closed = true;
     dead.swap(queue);
     waiting.swap(feeders);
+    feeders_wait.store(false, std::memory_order_seq_cst);
     unfetched = std::exchange(reply, nullptr);
     expected = 0;
     queued.store(0, std::memory_order_relaxed);

@@ -83,6 +83,7 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
   bool acceptAll(std::span<RovikMessage* const> messages) DROVANE_REQUIRES(lock);
   bool enqueue(std::span<RovikMessage* const> messages) DROVANE_REQUIRES(lock);
   std::size_t depthLocked() const DROVANE_REQUIRES(lock);
+  bool lineUp(const std::shared_ptr<Waker>& feeder) DROVANE_REQUIRES(lock);
   std::shared_ptr<Waker> firstInLine();
 
   mutable Mutex lock;

@@ -51,8 +51,9 @@ class RecordPool::Magazine {
   bool full() const { return count == records.size(); }
   void push(RovikMessage* msg) { records[count++] = msg; }
   RovikMessage* pop() {
-    if (count > kAhead) prefetch(records[count - 1 - kAhead]);
-    return records[--count];
+    RovikMessage* const msg = records[--count];
+    if (count >= kAhead) prefetch(records[count - kAhead]);
+    return msg;
   }
 
  private:

@@ -3,7 +3,7 @@
 #include <re2/set.h>
 
 #include <algorithm>
-#include <numeric>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -111,8 +111,13 @@ void RegexTable::add(std::string_view regex, std::string_view output) {
   // Compiled here only for the verdict; of thousands of entries few ever match, and only those
   // keep what they compile to.
   const bool valid = drovane::compiledRegex(regex)->ok();
-  state->every.push_back(static_cast<int>(state->entries.size()));
   state->entries.push_back({std::string(regex), std::string(output), valid, nullptr});
+  try {
+    state->every.push_back(static_cast<int>(state->every.size()));
+  } catch (const std::bad_alloc&) {
+    state->entries.pop_back();
+    throw;
+  }
 }
 
 void RegexTable::match(std::string_view text, const Found& found) {

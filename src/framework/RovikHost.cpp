@@ -137,7 +137,10 @@ std::string RovikHost::interpret(const std::vector<std::string>& words) {
   CommandVector vector(words);
   std::string reply;
   runSlot([&] { reply = rovik.interpretCmd(vector.get()); },
-          [&](const char* what) { reply = exceptionIn("interpretCmd", what); });
+          [&](const char* what) {
+            exceptionIn("interpretCmd", what);
+            reply = "ERROR (EXCEPTION)";
+          });
   outbox.flush();
   publishState();
   publishDescription();
@@ -230,7 +233,7 @@ void RovikHost::publishDescription() {
   type = rovik.type;
 }
 
-std::string RovikHost::exceptionIn(const char* slot, const char* what) {
+void RovikHost::exceptionIn(const char* slot, const char* what) {
   try {
     Drovane::global.log(LOG_LEVEL_ERROR, mailbox->id, mailbox->name, "exception in %s: %s\n", slot,
                         what);
@@ -238,7 +241,6 @@ std::string RovikHost::exceptionIn(const char* slot, const char* what) {
   } catch (const std::bad_alloc&) {
     Log::global().countLost();
   }
-  return "ERROR (EXCEPTION)";
 }
 
 RovikStatus RovikHost::status() const {

@@ -116,7 +116,7 @@ class RovikHost {
   void awaitReply();
 
   std::string interpret(const std::vector<std::string>& words);
-  std::string exceptionIn(const char* slot_name, const char* what);
+  void exceptionIn(const char* slot_name, const char* what);
   void publishState();
   void publishDescription();
 
@@ -130,7 +130,8 @@ class RovikHost {
   Outbox outbox;
   std::vector<RovikMessage*> batch;  // taken from the mailbox, in order
   std::size_t batch_done = 0;
-  bool flooded = false;  // the last batch was a large one
+  bool flooded = false;            // the last batch was a large one, and came soon
+  std::int64_t waiting_since = 0;  // when the last wait for events began, by Clock
 
   std::atomic<bool> running{false};
   std::atomic<bool> link_open{false};

@@ -42,6 +42,9 @@ void relax() {
 // So many messages in one batch do not come one by one.
 constexpr std::size_t kFlood = 64;
 
+// Nanoseconds: large batches that come so soon after each other are a flood.
+constexpr std::int64_t kSoon = 100'000;
+
 // Which message after the one in hand is fetched into this processor's cache meanwhile.
 constexpr std::size_t kAhead = 3;
 
@@ -75,12 +78,16 @@ void RovikHost::pass() {
     Drovane::global.log(LOG_LEVEL_ERROR, kFrameworkId, kFrameworkName,
                         "rovik %d %s: exception in its loop: %s\n", mailbox->id,
                         mailbox->name.c_str(), error.what());
+    // What the event would have done at its end, so that nobody waits for it.
+    outbox.flush();
+    mailbox->left(batch.size() - batch_done);
   }
 }
 
 // True when the link is readable. While a receiver of this rovik's messages has not caught up, the
 // link is left alone, so that its peer is slowed down.
 bool RovikHost::waitForEvents() {
+  waiting_since = Clock::now();
   if (flooded) linger();
   publishState();
   FD_ZERO(&rovik.readfds);
@@ -158,7 +165,7 @@ void RovikHost::dispatchMessages() {
     batch_done = 0;
     mailbox->take(batch);
   }
-  flooded = batch.size() >= kFlood;
+  flooded = batch.size() >= kFlood && Clock::now() - waiting_since < kSoon;
   if (batch.empty()) return;
   const std::int64_t begun = Clock::coarse();
   while (batch_done < batch.size() && !rovik.stopping()) {

@@ -1,5 +1,6 @@
 #include "GenericNet.h"
 
+#include <new>
 #include <utility>
 
 #include "Drovane.h"
@@ -61,12 +62,19 @@ int GenericNet::getDescription(cJSON* desc_json) {
 }
 
 int GenericNet::setRegexTableIN(char* key, char* regex, char* output, char* type_text) {
-  regexTableIN.emplace_back(key, regex, output, type_text);
   MMData keyed;
   keyed.setKey(key);
-  inbound_keys.resize(regexTableIN.size());
-  inbound_keys.back() = {keyed.network_id, keyed.node_id, keyed.value_id};
-  inbound.add(regex, output);
+  regexTableIN.emplace_back(key, regex, output, type_text);
+  // Without memory for the rest the rule is none: the three tables are looked up by the same
+  // number.
+  try {
+    inbound_keys.resize(regexTableIN.size());
+    inbound_keys.back() = {keyed.network_id, keyed.node_id, keyed.value_id};
+    inbound.add(regex, output);
+  } catch (const std::bad_alloc&) {
+    regexTableIN.pop_back();
+    throw;
+  }
   return 0;
 }
 

@@ -262,6 +262,8 @@ TEST_F(MailboxTest, ClosingFreesTheFeeders) {
   box->close();
   EXPECT_TRUE(rings(*feeder));
   EXPECT_FALSE(box->crowded(feeder));
+  EXPECT_FALSE(box->contended());
+  box->left(0);
 }
 
 }  // namespace

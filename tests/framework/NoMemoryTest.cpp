@@ -1,6 +1,7 @@
 // Messages for which there is no memory: every maker says so, and nothing is lost of the books.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <optional>
 
 #include "faults/MemoryFaults.h"
@@ -84,6 +85,23 @@ TEST_F(OutboxWithoutMemoryTest, ARequestThatCannotLeaveExpectsNoAnswer) {
   }
   EXPECT_TRUE(box->empty());
   EXPECT_TRUE(box->replied());
+}
+
+// Better a receiver that gets more than it likes than a sender that cannot go on.
+TEST(MailboxWithoutMemoryTest, AFeederForWhichThereIsNoPlaceInLineGoesOn) {
+  Mailbox box(1, "slow", std::make_shared<Waker>());
+  const auto feeder = std::make_shared<Waker>();
+  for (std::size_t i = 0; i <= Mailbox::kHighWater; ++i) {
+    RovikMessage* const msg = newNote("x").release();
+    box.put({&msg, 1});
+  }
+  {
+    const NoMemory none(sizeof(std::shared_ptr<Waker>));
+    EXPECT_FALSE(box.crowded(feeder));
+    EXPECT_TRUE(none.happened());
+  }
+  EXPECT_FALSE(box.contended());
+  EXPECT_TRUE(box.crowded(feeder));
 }
 
 TEST(RovikWithoutMemoryTest, ItsMessageIsRefused) {

@@ -2,11 +2,13 @@
 #include <gmock/gmock.h>
 
 #include <cstdint>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "RegexTable.h"
+#include "faults/MemoryFaults.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -164,6 +166,20 @@ TEST_P(RegexTableBothWays, EntriesMayBeAddedWhileTextsArrive) {
   table.add("on", "last");
   for (std::size_t i = 0; i < 400; ++i)
     ASSERT_EQ((Matches{{i, "on"}, {400, "last"}}), matches(text(i)));
+}
+
+// The memory that is missing is that of the third entry's place.
+TEST_P(RegexTableBothWays, AnEntryForWhichThereIsNoMemoryIsNone) {
+  table.add("a", "1");
+  table.add("b", "2");
+  {
+    const NoMemory none(4 * sizeof(int));
+    EXPECT_THROW(table.add("a", "lost"), std::bad_alloc);
+  }
+  EXPECT_EQ(2U, table.size());
+  EXPECT_EQ((Matches{{0, "1"}}), matches("a"));
+  table.add("a", "3");
+  EXPECT_EQ((Matches{{0, "1"}, {2, "3"}}), matches("a"));
 }
 
 TEST_P(RegexTableBothWays, OneMatchAmongThousands) {
