@@ -3,13 +3,8 @@
 //   sender ==TCP==> lines cut, matched by one rule, handed on as records ==> consumer
 //
 // Each runs as the program it is; see the README beside this file.
-#include <stdlib.h>
-
-#include <cerrno>
-#include <filesystem>
 #include <iostream>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "rivals/Rivals.h"
@@ -18,6 +13,7 @@
 #include "support/Options.h"
 #include "support/Report.h"
 #include "support/Statistics.h"
+#include "support/TempFolder.h"
 
 namespace bench {
 namespace {
@@ -35,22 +31,6 @@ struct Results {
   std::vector<double> megabytes;
   std::vector<double> trip_median;  // microseconds; empty where a lone line gets no answer
   std::vector<double> trip_p99;
-};
-
-class Folder {
- public:
-  Folder() : path((std::filesystem::temp_directory_path() / "rivals-XXXXXX").string()) {
-    if (mkdtemp(path.data()) == nullptr)
-      throw std::system_error(errno, std::generic_category(), "mkdtemp");
-  }
-  ~Folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-  }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-
-  std::string path;
 };
 
 class Contest {
@@ -99,16 +79,16 @@ class Contest {
   }
 
   void measureFlood(const Rival& rival, Results& of) {
-    const Folder folder;
-    const Flood measured = flood(rival, lines, plan.lines, folder.path);
+    const TempFolder folder;
+    const Flood measured = flood(rival, lines, plan.lines, folder.path());
     of.lines_per_second.push_back(perSecond(measured.seconds));
     of.cpu_seconds.push_back(measured.cpu_seconds / static_cast<double>(plan.lines) * 1e6);
     of.megabytes.push_back(measured.peak_megabytes);
   }
 
   void measureTrips(const Rival& rival, Results& of) {
-    const Folder folder;
-    const std::vector<double> samples = roundTrips(rival, plan.trips, folder.path);
+    const TempFolder folder;
+    const std::vector<double> samples = roundTrips(rival, plan.trips, folder.path());
     of.trip_median.push_back(quantile(samples, 0.5));
     of.trip_p99.push_back(quantile(samples, 0.99));
   }
