@@ -185,9 +185,9 @@ Json ControlOperations::memberStatus(const House::Member& of) const {
   cJSON_AddStringToObject(row.get(), "warning_time",
                           warned ? localTime(now.warning_time, 0).c_str() : "");
   addCount(row, "warning_count", now.warning_count);
-  cJSON* const description = cJSON_Parse(now.description.c_str());
-  cJSON_AddItemToObject(row.get(), "description",
-                        description != nullptr ? description : cJSON_CreateObject());
+  // JSON already, printed by the rovik's host; there is none before it has started.
+  cJSON_AddRawToObject(row.get(), "description",
+                       now.description.empty() ? "{}" : now.description.c_str());
   return row;
 }
 
