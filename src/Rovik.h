@@ -19,8 +19,12 @@
 #include <cjson/cJSON.h>
 #include <sys/select.h>
 
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "RovikMessage.h"
 #include "Thread.h"
@@ -93,6 +97,21 @@ class Rovik : public Thread {
 
   // Records `text` as the current warning, with its time, for the status display. Any thread.
   void setWarning(std::string text);
+
+  // What goes over the link, for the status display and for whoever traces the link. Only the
+  // thread that is inside the rovik may call.
+  //
+  // Bytes that came from the peer, and bytes that were written to it in one go, as they are.
+  void linkReceived(std::string_view bytes);
+  void linkSent(std::string_view bytes);
+  // `count` units (lines, datagrams) were made of what came; `last` is the last one, escaped.
+  void unitsReceived(std::uint64_t count, std::string_view last);
+  // What came was thrown away, because no end of a unit was in it.
+  void unitDropped();
+
+  // For the status display: the bytes that this rovik's script holds; 0 while there is none. Only
+  // the thread that is inside the rovik may write.
+  std::atomic<std::size_t>& scriptMemory();
 
   int fd;            // what the loop waits on; -1 when none. The loop reads it anew on each pass
   TimeValue period;  // armed when the thread starts, unless the timer already is, and again on

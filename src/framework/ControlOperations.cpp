@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -23,6 +24,40 @@ constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 
 void addCount(const Json& object, const char* field, std::uint64_t count) {
   cJSON_AddNumberToObject(object.get(), field, static_cast<double>(count));
+}
+
+double secondsSince(std::int64_t moment) {
+  return static_cast<double>(Clock::now() - moment) / Clock::kNanosecondsPerSecond;
+}
+
+// Seconds with three digits behind the point.
+void addSeconds(const Json& object, const char* field, double seconds) {
+  cJSON_AddNumberToObject(object.get(), field, std::round(seconds * 1000) / 1000);
+}
+
+struct DirectionFields {
+  const char* bytes;
+  const char* units;
+  const char* last;
+  const char* last_seconds;
+};
+
+void addDirection(const Json& row, const DirectionFields& fields,
+                  const LinkTraffic::Direction& figures) {
+  addCount(row, fields.bytes, figures.bytes);
+  addCount(row, fields.units, figures.units);
+  if (figures.last_time == 0) return;
+  addText(row.get(), fields.last, figures.last);
+  addSeconds(row, fields.last_seconds, secondsSince(figures.last_time));
+}
+
+// Nothing for a rovik that never had a link.
+void addTraffic(const Json& row, const LinkTraffic::Figures& figures) {
+  if (figures.link_changed == 0) return;
+  addSeconds(row, "link_seconds", secondsSince(figures.link_changed));
+  addDirection(row, {"bytes_in", "units_in", "last_in", "last_in_seconds"}, figures.in);
+  addDirection(row, {"bytes_out", "units_out", "last_out", "last_out_seconds"}, figures.out);
+  addCount(row, "units_dropped", figures.dropped);
 }
 
 }  // namespace
@@ -185,6 +220,10 @@ Json ControlOperations::memberStatus(const House::Member& of) const {
   cJSON_AddStringToObject(row.get(), "warning_time",
                           warned ? localTime(now.warning_time, 0).c_str() : "");
   addCount(row, "warning_count", now.warning_count);
+  if (warned) addSeconds(row, "warning_seconds", secondsSince(now.warning_clock));
+  addTraffic(row, now.traffic);
+  addCount(row, "script_memory", now.script_memory);
+  if (now.timer_expiry) addSeconds(row, "timer_seconds", -secondsSince(*now.timer_expiry));
   // JSON already, printed by the rovik's host; there is none before it has started.
   cJSON_AddRawToObject(row.get(), "description",
                        now.description.empty() ? "{}" : now.description.c_str());

@@ -40,3 +40,11 @@ int Rovik::messageSnd(RovikMessage* msg) { return host->messageSnd(msg); }
 RovikMessage* Rovik::messageSndBlock(RovikMessage* msg) { return host->messageSndBlock(msg); }
 bool Rovik::blocksOn(int socket) { return host->blocksOn(socket); }
 void Rovik::setWarning(std::string text) { host->setWarning(std::move(text)); }
+
+void Rovik::linkReceived(std::string_view bytes) { host->traffic.received(bytes); }
+void Rovik::linkSent(std::string_view bytes) { host->traffic.sent(bytes); }
+void Rovik::unitsReceived(std::uint64_t count, std::string_view last) {
+  host->traffic.unitsReceived(count, last);
+}
+void Rovik::unitDropped() { host->traffic.unitDropped(); }
+std::atomic<std::size_t>& Rovik::scriptMemory() { return host->script_memory; }

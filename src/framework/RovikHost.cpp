@@ -113,6 +113,7 @@ void RovikHost::setWarning(std::string text) {
   MutexLock guard(lock);
   warning = std::move(text);
   warning_time = now.tv_sec;
+  warning_clock = Clock::now();
   ++warning_count;
 }
 
@@ -213,7 +214,9 @@ void RovikHost::endCommands() {
 // The one place that tells a person, whatever the plug-in, that a link has come up or gone.
 void RovikHost::publishState() {
   const bool open = rovik.fd >= 0;
-  if (link_open.exchange(open, std::memory_order_relaxed) == open) return;
+  if (link_open.load(std::memory_order_relaxed) == open) return;
+  traffic.linkChanged(open);
+  link_open.store(open, std::memory_order_relaxed);
   Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "rovik %d %s: link %s\n",
                       mailbox->id, mailbox->name.c_str(), open ? "open" : "closed");
 }
@@ -254,9 +257,14 @@ RovikStatus RovikHost::status() const {
   now.received = mailbox->received();
   now.sent = outbox.sent();
   now.dropped = mailbox->dropped();
+  now.traffic = traffic.figures();
+  now.script_memory = script_memory.load(std::memory_order_relaxed);
+  const std::int64_t expiry = timer_expiry.load(std::memory_order_relaxed);
+  if (expiry != kNoTimer) now.timer_expiry = expiry;
   MutexLock guard(lock);
   now.warning = warning;
   now.warning_time = warning_time;
+  now.warning_clock = warning_clock;
   now.warning_count = warning_count;
   now.description = description;
   now.type = type;

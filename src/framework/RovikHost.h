@@ -7,12 +7,14 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Command.h"
 #include "Identity.h"
+#include "LinkTraffic.h"
 #include "Mailbox.h"
 #include "Mutex.h"
 #include "Outbox.h"
@@ -33,10 +35,14 @@ struct RovikStatus {
   std::uint64_t received = 0;
   std::uint64_t sent = 0;
   std::uint64_t dropped = 0;
-  std::string warning;            // the last one, without the line end; empty when there was none
-  std::int64_t warning_time = 0;  // seconds since 1970
+  std::string warning;             // the last one, without the line end; empty when there was none
+  std::int64_t warning_time = 0;   // seconds since 1970
+  std::int64_t warning_clock = 0;  // the same moment in nanoseconds of Clock
   std::uint64_t warning_count = 0;
   std::string description;  // the description object as JSON
+  LinkTraffic::Figures traffic;
+  std::size_t script_memory = 0;             // bytes; 0: no script is open
+  std::optional<std::int64_t> timer_expiry;  // nanoseconds of Clock; none: the timer is not armed
 };
 
 class RovikHost {
@@ -86,16 +92,20 @@ class RovikHost {
   RovikMessage* messageSndBlock(RovikMessage* msg);
   bool blocksOn(int socket);
   void setWarning(std::string text);
+  LinkTraffic traffic;
+  std::atomic<std::size_t> script_memory{0};
 
   // The thread body.
   int run();
 
  private:
+  static constexpr std::int64_t kNoTimer = -1;
+
   // The loop (RovikLoop.cpp).
   bool waitForEvents();
   void linger() const;
   bool workWaits();
-  std::int64_t timeLeft() const;
+  std::int64_t timeLeft();
   void dispatchLink();
   bool linkHasMore() const;
   void dispatchMessages();
@@ -136,6 +146,7 @@ class RovikHost {
   std::atomic<bool> running{false};
   std::atomic<bool> link_open{false};
   std::atomic<bool> held_back{false};
+  std::atomic<std::int64_t> timer_expiry{kNoTimer};  // as the last wait for events found it
   std::atomic<bool> commands_wait{false};
 
   mutable Mutex lock;
@@ -143,6 +154,7 @@ class RovikHost {
   bool accepting DROVANE_GUARDED_BY(lock) = false;  // commands, because the loop runs
   std::string warning DROVANE_GUARDED_BY(lock);
   std::int64_t warning_time DROVANE_GUARDED_BY(lock) = 0;
+  std::int64_t warning_clock DROVANE_GUARDED_BY(lock) = 0;
   std::uint64_t warning_count DROVANE_GUARDED_BY(lock) = 0;
   std::string description DROVANE_GUARDED_BY(lock);
   int blocking_socket DROVANE_GUARDED_BY(lock) = -1;  // -1: none

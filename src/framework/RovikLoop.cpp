@@ -126,8 +126,9 @@ bool RovikHost::workWaits() {
 }
 
 // Nanoseconds until the timer expires; negative when it is not armed.
-std::int64_t RovikHost::timeLeft() const {
+std::int64_t RovikHost::timeLeft() {
   const auto expiry = rovik.timer.expiry();
+  timer_expiry.store(expiry.value_or(kNoTimer), std::memory_order_relaxed);
   return expiry ? std::max<std::int64_t>(*expiry - Clock::now(), 0) : -1;
 }
 

@@ -167,6 +167,7 @@ class GenericNet : public LuaRovik {
   void closeDescriptor();
   int abandonLink();
   void emptyInbuf();
+  ssize_t writeOnce(const Transport& how, const char* data, std::size_t length);
   int sendTest();
   bool broadcastWake(int socket, const unsigned char* packet, std::size_t size);
 

@@ -63,6 +63,7 @@ void GenericNet::takeIn(std::optional<int> received) {
   if (*received < 1) {
     peerGone();
   } else {
+    linkReceived({inbuf + inbufpos, static_cast<std::size_t>(*received)});
     inbufpos += *received;
     if (commode == COM_UDP || raw) {
       handOverAll();
@@ -71,7 +72,9 @@ void GenericNet::takeIn(std::optional<int> received) {
     }
   }
   // A full buffer without an end of line is dropped without a word, and collecting starts afresh.
-  if (inbufpos >= kBufferSize) emptyInbuf();
+  if (inbufpos < kBufferSize) return;
+  unitDropped();
+  emptyInbuf();
 }
 
 // The end of the stream and every error mean the same: the peer has gone.
@@ -83,7 +86,9 @@ void GenericNet::peerGone() {
 
 // All that the buffer holds is one unit.
 void GenericNet::handOverAll() {
-  rcvData(inbuf, inbufpos);
+  BorrowedUnit unit(*this);
+  takeUnit(unit.msg, inbuf, inbufpos);
+  unitsReceived(1, unit.msg.value_s);
   emptyInbuf();
 }
 
@@ -92,15 +97,18 @@ void GenericNet::handOverAll() {
 void GenericNet::handOverLines() {
   const unsigned int epoch = link_epoch;
   BorrowedUnit unit(*this);
+  std::uint64_t count = 0;
   int begin = 0;
   while (char* eol = RovikUtil::memxmem(inbuf + begin, inbufpos - begin, eolin, eolin_size)) {
     const int end = static_cast<int>(eol - inbuf);
     const int next = end + eolin_size;
     takeUnit(unit.msg, inbuf + begin, (chopeolin ? end : next) - begin);
-    if (link_epoch != epoch) return;
+    ++count;
+    if (link_epoch != epoch) break;
     begin = next;
   }
-  if (begin == 0) return;
+  if (count > 0) unitsReceived(count, unit.msg.value_s);
+  if (begin == 0 || link_epoch != epoch) return;
   const int rest = inbufpos - begin;
   std::memmove(inbuf, inbuf + begin, static_cast<std::size_t>(rest));
   std::memset(inbuf + rest, 0, static_cast<std::size_t>(begin));

@@ -113,12 +113,19 @@ int GenericNet::abandonLink() {
   return -1;
 }
 
+// Negative with errno set on failure.
+ssize_t GenericNet::writeOnce(const Transport& how, const char* data, std::size_t length) {
+  const ssize_t written = (this->*how.write)(data, length);
+  if (written > 0) linkSent({data, static_cast<std::size_t>(written)});
+  return written;
+}
+
 // The "test" command's five bytes. 0, or -1 after the failure was reported and the link closed.
 int GenericNet::sendTest() {
   static constexpr std::string_view kText = "TEST\n";
   if (commode == COM_SSL) return 0;
   const Transport* const how = transport();
-  if (how == nullptr || (this->*how->write)(kText.data(), kText.size()) >= 0) return 0;
+  if (how == nullptr || writeOnce(*how, kText.data(), kText.size()) >= 0) return 0;
   // A serial line's failure goes by the name of the datagram's here.
   report(commode == COM_TCP ? "send (errno: %d %s)\n" : "sendto (errno: %d %s)\n", errno,
          std::strerror(errno));

@@ -84,7 +84,7 @@ int GenericNet::sndData(char* data, int length, int capacity) {
 // A failure is reported and closes the link.
 int GenericNet::writeLink(const char* data, std::size_t length) {
   const Transport* const how = transport();
-  if (how == nullptr || (this->*how->write)(data, length) >= 0) return 0;
+  if (how == nullptr || writeOnce(*how, data, length) >= 0) return 0;
   report(how->write_failure, errno, std::strerror(errno));
   closeGeneric();
   return -1;

@@ -132,7 +132,7 @@ int LuaRovik::prepLua() {
     trace("cannot prep lua as lua already open\n");
     return 1;
   }
-  lua_state = luaL_newstate();
+  lua_state = script::newState(scriptMemory());
   if (lua_state == nullptr) {
     // The same words as above, on purpose: whoever watches for them sees both.
     trace("cannot prep lua as lua already open\n");

@@ -1,6 +1,7 @@
 #include "ScriptState.h"
 
 #include <cmath>
+#include <cstdlib>
 
 namespace script {
 namespace {
@@ -15,7 +16,20 @@ int globalOfName(lua_State* L) {
   return 1;
 }
 
+// The interpreter's allocator, lua_Alloc. `had` tells no size while there is no block.
+void* allocate(void* held, void* block, std::size_t had, std::size_t wanted) {
+  auto& count = *static_cast<std::atomic<std::size_t>*>(held);
+  const std::size_t size = block != nullptr ? had : 0;
+  void* const made = wanted > 0 ? std::realloc(block, wanted) : nullptr;
+  if (wanted == 0) std::free(block);
+  if (made != nullptr || wanted == 0)
+    count.store(count.load(std::memory_order_relaxed) - size + wanted, std::memory_order_relaxed);
+  return made;
+}
+
 }  // namespace
+
+lua_State* newState(std::atomic<std::size_t>& held) { return lua_newstate(allocate, &held); }
 
 void guardAgainstPanic(lua_State* L) { lua_atpanic(L, throwPanic); }
 

@@ -14,8 +14,10 @@ bool missing = false;
 extern "C" {
 
 // The linker's names for the two sides of the call.
-lua_State* __real_luaL_newstate();
-lua_State* __wrap_luaL_newstate() { return missing ? nullptr : __real_luaL_newstate(); }
+lua_State* __real_lua_newstate(lua_Alloc allocate, void* context);
+lua_State* __wrap_lua_newstate(lua_Alloc allocate, void* context) {
+  return missing ? nullptr : __real_lua_newstate(allocate, context);
+}
 
 }  // extern "C"
 
