@@ -51,6 +51,13 @@ class Rovik : public Thread {
     std::string map_out;
   };
 
+  // How the link of a rovik that is tried without its device carries what the device says.
+  struct TrialLink {
+    bool datagrams;             // each read brings one unit
+    std::string_view unit_end;  // else: what ends a unit; empty when each read does
+    bool ends_at_close;         // only the end of the link ends a unit
+  };
+
   // Takes over the id and the name that the loader has set aside for the constructing thread.
   Rovik();
 
@@ -112,6 +119,15 @@ class Rovik : public Thread {
   // For the status display: the bytes that this rovik's script holds; 0 while there is none. Only
   // the thread that is inside the rovik may write.
   std::atomic<std::size_t>& scriptMemory();
+
+  // --- A rovik that is tried without its device ---
+
+  // True while this rovik is tried: it opens trial links instead of its own, and reaches nothing
+  // outside the system.
+  bool onTrial() const;
+  // A link to whoever tries this rovik, for read(2) and write(2); the rovik's to close. Negative
+  // with errno set on failure. Only while onTrial; only the thread that is inside the rovik.
+  int trialLink(const TrialLink& kind);
 
   int fd;            // what the loop waits on; -1 when none. The loop reads it anew on each pass
   TimeValue period;  // armed when the thread starts, unless the timer already is, and again on

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <utility>
 
+#include "MessageText.h"
 #include "Subcommands.h"
 #include "Terminal.h"
 
@@ -54,6 +55,21 @@ void declareRun(CLI::App& app, Options& options) {
                "Do not start when a command of FILE is answered with an error");
 }
 
+void declareTry(CLI::App& app, Options& options) {
+  declareFile(app, options);
+  app.add_option("ROVIK", options.rovik, "Name or id")->required();
+  app.add_option("LINE", options.lines, "What the device says (default: the lines of the input)");
+  app.add_option("--for", options.seconds, "Go on for so long after the last line")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 86400.0));
+  app.add_option(
+         "--log-level", options.log_level,
+         "Log to standard error: 2 errors (default), 3 events and what a script prints, too")
+      ->type_name("2|3|4")
+      ->check(CLI::IsMember({2, 3, 4}));
+  app.add_flag("--json", options.json, "One JSON object a line");
+}
+
 void declareCmd(CLI::App& app, Options& options) {
   declareControl(app, options);
   app.add_option("ROVIK", options.rovik, "Name or id")->required();
@@ -81,13 +97,45 @@ void declareShow(CLI::App& app, Options& options) {
   app.add_flag("--json", options.json, "One JSON object a line");
 }
 
+void declareStatus(CLI::App& app, Options& options) {
+  declareShow(app, options);
+  app.add_option("ROVIK", options.rovik, "Everything about this one, by name or id");
+}
+
+// One value each time it is given, as often as one likes.
+void addFilter(CLI::App& app, const char* name, std::vector<std::string>& values,
+               const char* type_name, const char* purpose) {
+  app.add_option(name, values, purpose)->type_name(type_name)->expected(1)->take_all();
+}
+
+void declareWatch(CLI::App& app, Options& options) {
+  declareShow(app, options);
+  addFilter(app, "--rovik", options.roviks, "NAME|ID", "Only what this one sends or is sent");
+  addFilter(app, "--kind", options.kinds, "KIND",
+            "Only data, data-request, actuator, command, response, text or empty");
+  app.get_option("--kind")->check(CLI::IsMember(kindWords()));
+  addFilter(app, "--key", options.keys, "PATTERN", "Only keys like this, such as '5_*'");
+}
+
+void declareLogLevel(CLI::App& app, Options& options) {
+  declareControl(app, options);
+  app.add_option("LEVEL", options.level, "2 errors, 3 events too, 4 everything")
+      ->check(CLI::IsMember({"2", "3", "4"}));
+}
+
 constexpr const char* kVersionLine = "drovane " DROVANE_VERSION;
 
-constexpr std::array<Subcommand, 7> kSubcommands = {{
+constexpr std::array<Subcommand, 9> kSubcommands = {{
     {"run", "Start the roviks of a configuration, until SIGINT or SIGTERM",
      "Example: drovane run house.conf --log-level 3", declareRun, run, false},
     {"check", "Read a configuration, load its plug-ins, try its commands; open nothing",
      "Example: drovane check house.conf", declareFile, check, false},
+    {"try", "Let a rovik's device say lines; show the messages that the rovik makes of them",
+     "The rovik runs as FILE configures it, rules, script and all, but without its device and\n"
+     "without the other roviks. Lines may hold escapes such as \\x02; what ends a line is added.\n"
+     "Exit status 1 when nothing came of a line, or the rovik has warned.\n"
+     "Example: drovane try house.conf boiler 'T=21.3' HEAT=ON",
+     declareTry, tryLines, false},
     {"cmd", "Give one configuration command to a running rovik; print the reply",
      "Example: drovane cmd boiler port 7002", declareCmd, cmd, true},
     {"send", "Send a value as a message",
@@ -96,10 +144,14 @@ constexpr std::array<Subcommand, 7> kSubcommands = {{
      declareSend, send, false},
     {"get", "Ask a rovik for a value and print it",
      "Example: drovane get 5_1_0 float --to recorder", declareGet, get, false},
-    {"status", "Show the roviks: links, queues, counts, last warnings", "Example: drovane status",
-     declareShow, status, false},
+    {"status", "Show the roviks: links, what came and went, scripts, last warnings",
+     "Example: drovane status boiler", declareStatus, status, false},
     {"watch", "Show every message as it is routed, until interrupted",
-     "Example: drovane watch --json", declareShow, watch, false},
+     "--rovik, --kind and --key may be given more than once: any of the values will do.\n"
+     "Example: drovane watch --rovik boiler --key '5_*'",
+     declareWatch, watch, false},
+    {"log-level", "Show the log level, or set it until the end of the run",
+     "Example: drovane log-level 4", declareLogLevel, logLevel, false},
 }};
 
 const Subcommand* findSubcommand(const std::string& name) {

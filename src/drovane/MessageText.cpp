@@ -1,11 +1,13 @@
 #include "MessageText.h"
 
+#include <algorithm>
 #include <array>
 #include <memory>
 
 #include "RovikMessage.h"
 #include "Terminal.h"
 #include "framework/ControlRequests.h"
+#include "framework/MessageFields.h"
 #include "framework/MessageJson.h"
 #include "framework/Router.h"
 
@@ -88,11 +90,31 @@ std::string timeText(const cJSON* message) {
 std::string messageText(cJSON* message, const RovikNames& names, bool colours) {
   const RecordOwner msg(RovikMessage::create(message));
   if (!msg) return "a message of an unknown kind";
-  const Kind& kind = kKinds.at(msg->type);
+  return timeText(message) + ' ' + routeText(*msg, names, colours);
+}
+
+std::string routeText(RovikMessage& msg, const RovikNames& names, bool colours) {
+  const Kind& kind = kKinds.at(msg.type);
   const std::string word =
       colours ? std::string(kind.colour) + kind.name + "\033[0m" : std::string(kind.name);
-  return timeText(message) + ' ' + numbered(msg->src, msg->src_s, names) + " -> " +
-         receiver(*msg, names) + ' ' + word + ' ' + kind.payload(*msg);
+  return numbered(msg.src, msg.src_s, names) + " -> " + receiver(msg, names) + ' ' + word + ' ' +
+         kind.payload(msg);
+}
+
+std::vector<std::string> kindWords() {
+  std::vector<std::string> words;
+  for (const Kind& kind : kKinds) {
+    words.emplace_back(kind.name);
+    std::replace(words.back().begin(), words.back().end(), ' ', '-');
+  }
+  return words;
+}
+
+std::string kindOf(const std::string& word) {
+  const std::vector<std::string> words = kindWords();
+  const auto found = std::find(words.begin(), words.end(), word);
+  if (found == words.end()) return "";
+  return std::string(messageTypeName(static_cast<std::uint32_t>(found - words.begin())));
 }
 
 std::string answerText(cJSON* message) {

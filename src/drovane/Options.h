@@ -23,6 +23,12 @@ struct Options {
   std::string to;
   bool actuator = false;
   bool json = false;
+  std::string level;
+  std::vector<std::string> lines;  // to try
+  double seconds = 0;
+  std::vector<std::string> roviks;  // to watch
+  std::vector<std::string> kinds;
+  std::vector<std::string> keys;
 };
 
 // The exit statuses.

@@ -1,8 +1,9 @@
-// cmd, send, get: one request, one answer.
+// cmd, send, get, log-level: one request, one answer.
 #include <iostream>
 
 #include "ControlClient.h"
 #include "MessageText.h"
+#include "StatusText.h"
 #include "Subcommands.h"
 #include "Terminal.h"
 
@@ -62,6 +63,15 @@ int get(const Options& options) {
   addText(request.get(), "to", options.to);
   const Json reply = client.request(request);
   print(answerText(cJSON_GetObjectItemCaseSensitive(reply.get(), "message")));
+  return kDone;
+}
+
+int logLevel(const Options& options) {
+  ControlClient client(ControlClient::choosePath(options.control));
+  const Json request = newRequest("log-level");
+  if (!options.level.empty()) addText(request.get(), "level", options.level);
+  const Json reply = client.request(request);
+  print(statusCount(reply.get(), "level"));
   return kDone;
 }
 

@@ -7,6 +7,7 @@ namespace drovane {
 
 int run(const Options& options);
 int check(const Options& options);
+int tryLines(const Options& options);
 
 // These talk to a running drovane. They throw NotRunning and Refused (ControlClient.h).
 int cmd(const Options& options);
@@ -14,5 +15,6 @@ int send(const Options& options);
 int get(const Options& options);
 int status(const Options& options);
 int watch(const Options& options);
+int logLevel(const Options& options);
 
 }  // namespace drovane

@@ -41,6 +41,23 @@ std::string textLine(const std::string& line, const RovikNames& names, bool colo
   return messageText(message.get(), names, colours);
 }
 
+void addTexts(const Json& request, const char* field, const std::vector<std::string>& texts) {
+  if (texts.empty()) return;
+  cJSON* const list = cJSON_AddArrayToObject(request.get(), field);
+  for (const std::string& text : texts)
+    cJSON_AddItemToArray(list, cJSON_CreateString(text.c_str()));
+}
+
+Json watchRequest(const Options& options) {
+  Json request = newRequest("watch");
+  std::vector<std::string> types;
+  for (const std::string& kind : options.kinds) types.push_back(kindOf(kind));
+  addTexts(request, "roviks", options.roviks);
+  addTexts(request, "kinds", types);
+  addTexts(request, "keys", options.keys);
+  return request;
+}
+
 }  // namespace
 
 int watch(const Options& options) {
@@ -48,7 +65,7 @@ int watch(const Options& options) {
   ControlClient client(ControlClient::choosePath(options.control));
   const RovikNames names = rovikNames(client);
   const bool colours = coloursWanted();
-  client.request(newRequest("watch"));
+  client.request(watchRequest(options));
   while (true) {
     const std::string line = client.readLine();
     std::cout << (options.json ? line : textLine(line, names, colours)) << std::endl;

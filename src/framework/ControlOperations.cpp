@@ -13,7 +13,9 @@
 #include "Clock.h"
 #include "ControlProtocol.h"
 #include "ControlRequests.h"
+#include "Drovane.h"
 #include "LocalTime.h"
+#include "Log.h"
 #include "RecordPool.h"
 #include "Router.h"
 
@@ -69,6 +71,7 @@ const ControlOperations::Operation ControlOperations::kOperations[] = {
     {"get", &ControlOperations::get},
     {"status", &ControlOperations::status},
     {"watch", &ControlOperations::watchMessages},
+    {"log-level", &ControlOperations::logLevel},
     {"version", &ControlOperations::versionOnly},
 };
 
@@ -230,7 +233,9 @@ Json ControlOperations::memberStatus(const House::Member& of) const {
   return row;
 }
 
-Json ControlOperations::status(const Request&) {
+Json ControlOperations::status(const Request& request) {
+  const auto only = optionalText(request.fields, "rovik");
+  const House::Member* const one = only ? &member(*only) : nullptr;
   Json reply = okReply();
   cJSON_AddStringToObject(reply.get(), "version", version.c_str());
   cJSON_AddNumberToObject(reply.get(), "pid", ::getpid());
@@ -240,13 +245,40 @@ Json ControlOperations::status(const Request&) {
   addCount(reply, "undeliverable", Router::global().undeliverable());
   cJSON* const rows = cJSON_AddArrayToObject(reply.get(), "roviks");
   for (const House::Member& each : house.all())
-    cJSON_AddItemToArray(rows, memberStatus(each).release());
+    if (one == nullptr || one == &each) cJSON_AddItemToArray(rows, memberStatus(each).release());
   return reply;
 }
 
+WatchFilter::Address ControlOperations::watched(const std::string& rovik) const {
+  if (rovik == kCommandLineName) return {kCommandLineId, rovik};
+  const House::Member& found = member(rovik);
+  return {static_cast<std::uint32_t>(found.config.id), found.config.name};
+}
+
 Json ControlOperations::watchMessages(const Request& request) {
-  watch.add(request.client);
+  WatchFilter filter;
+  for (const std::string& rovik : optionalTexts(request.fields, "roviks"))
+    filter.roviks.push_back(watched(rovik));
+  for (const std::string& kind : optionalTexts(request.fields, "kinds"))
+    filter.types.insert(kindFrom(kind));
+  filter.keys = optionalTexts(request.fields, "keys");
+  watch.add(request.client, std::move(filter));
   return okReply();
+}
+
+// Without a level it tells which one holds.
+Json ControlOperations::logLevel(const Request& request) {
+  if (const auto level = optionalText(request.fields, "level")) {
+    if (*level != "2" && *level != "3" && *level != "4")
+      throw RequestError("unknown log level " + quotedValue(*level) +
+                         "; expected 2 (errors), 3 (events too) or 4 (everything)");
+    Drovane::global.setLogLevel((*level)[0] - '0');
+    Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "log level set to %s\n",
+                        level->c_str());
+  }
+  Json reply = okReply();
+  cJSON_AddNumberToObject(reply.get(), "level", Drovane::global.logLevel());
+  return reply;
 }
 
 Json ControlOperations::versionOnly(const Request&) {

@@ -98,10 +98,12 @@ class ControlOperations {
   Json get(const Request& request);
   Json status(const Request& request);
   Json watchMessages(const Request& request);
+  Json logLevel(const Request& request);
   Json versionOnly(const Request& request);
 
   static const Operation& operation(const std::string& name);
   const House::Member& member(const std::string& rovik) const;
+  WatchFilter::Address watched(const std::string& rovik) const;
   Json memberStatus(const House::Member& of) const;
   Pending& addPending(std::uint64_t client, const House::Member& receiver);
   static std::string resultLine(const Pending& waiting, const CommandResult& result);

@@ -39,6 +39,20 @@ std::optional<std::string> optionalText(const cJSON* request, const char* field)
   return requiredText(request, field, "a text, or no such field");
 }
 
+std::vector<std::string> optionalTexts(const cJSON* request, const char* field) {
+  const cJSON* list = cJSON_GetObjectItemCaseSensitive(request, field);
+  const RequestError no_list(inQuotes(field) +
+                             " is no list of texts; expected one, or no such field");
+  if (list != nullptr && !cJSON_IsArray(list)) throw no_list;
+  std::vector<std::string> texts;
+  const cJSON* item = nullptr;
+  cJSON_ArrayForEach(item, list) {
+    if (!cJSON_IsString(item)) throw no_list;
+    texts.emplace_back(item->valuestring);
+  }
+  return texts;
+}
+
 bool optionalFlag(const cJSON* request, const char* field) {
   const cJSON* item = cJSON_GetObjectItemCaseSensitive(request, field);
   if (item != nullptr && !cJSON_IsBool(item))

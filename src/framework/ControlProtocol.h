@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "MessageJson.h"
 
@@ -22,6 +23,8 @@ Json parseRequest(const std::string& line);
 // A text field (or its _hex form). Throws RequestError: it is missing, or no text.
 std::string requiredText(const cJSON* request, const char* field, const char* expected);
 std::optional<std::string> optionalText(const cJSON* request, const char* field);
+// A list of texts, empty when there is none. Throws RequestError: it is no list of texts.
+std::vector<std::string> optionalTexts(const cJSON* request, const char* field);
 bool optionalFlag(const cJSON* request, const char* field);
 
 // {"ok":true}, for further fields.

@@ -2,6 +2,7 @@
 
 #include "ConfigFile.h"
 #include "ControlProtocol.h"
+#include "MessageFields.h"
 
 namespace drovane {
 namespace {
@@ -52,6 +53,13 @@ RecordOwner dataRequestFrom(const cJSON* request) {
   auto msg = record<MMDataRequest>(MM_DATA_REQUEST);
   fillKeyAndType(*msg, request);
   return msg;
+}
+
+MessageTypes kindFrom(const std::string& name) {
+  const auto type = messageTypeFromName(name);
+  if (!type)
+    throw RequestError("unknown kind " + quotedValue(name) + "; expected a type such as MM_DATA");
+  return *type;
 }
 
 std::vector<std::string> requiredWords(const cJSON* request) {

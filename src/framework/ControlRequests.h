@@ -21,6 +21,8 @@ using RecordOwner = std::unique_ptr<RovikMessage, RecordDestroy>;
 RecordOwner messageFrom(const cJSON* request);
 // "key" and "type" as an MM_DATA_REQUEST.
 RecordOwner dataRequestFrom(const cJSON* request);
+// The kind of this name, such as "MM_DATA".
+MessageTypes kindFrom(const std::string& name);
 // "words", at least one: texts, or {"word_hex":"..."} for what JSON cannot carry.
 std::vector<std::string> requiredWords(const cJSON* request);
 

@@ -227,15 +227,11 @@ void ControlServer::answerLater(std::uint64_t client, const std::string& line) {
 }
 
 void ControlServer::handOutMessages() {
-  const auto each = [this](auto action) {
-    for (const std::uint64_t client : watch.clients()) action(connections.at(client));
-  };
   watch.handOut(
-      [&](const std::string& line) {
-        each([&](ControlConnection& connection) { connection.tell(line); });
-      },
-      [&](std::uint64_t lost) {
-        each([&](ControlConnection& connection) { connection.countDropped(lost); });
+      [this](std::uint64_t client, const std::string& line) { connections.at(client).tell(line); },
+      [this](std::uint64_t lost) {
+        for (const auto& [client, filter] : watch.clients())
+          connections.at(client).countDropped(lost);
       });
 }
 

@@ -28,8 +28,8 @@ ControlWatch::ControlWatch(std::shared_ptr<Waker> its_waker) : waker(std::move(i
 
 ControlWatch::~ControlWatch() { close(); }
 
-void ControlWatch::add(std::uint64_t client) {
-  watching.insert(client);
+void ControlWatch::add(std::uint64_t client, WatchFilter filter) {
+  watching.insert_or_assign(client, std::move(filter));
   if (!tap) open();
 }
 
@@ -58,18 +58,21 @@ void ControlWatch::close() {
 bool ControlWatch::waiting() const { return tap && (batch_done < batch.size() || !tap->empty()); }
 
 // False when there was no memory for it.
-bool ControlWatch::handOutOne(RovikMessage& msg,
-                              const std::function<void(const std::string&)>& to) {
+bool ControlWatch::handOutOne(RovikMessage& msg, const To& to) const {
   try {
-    to(messageLine(msg));
+    std::string line;
+    for (const auto& [client, filter] : watching) {
+      if (!filter.passes(msg)) continue;
+      if (line.empty()) line = messageLine(msg);
+      to(client, line);
+    }
     return true;
   } catch (const std::bad_alloc&) {
     return false;
   }
 }
 
-void ControlWatch::handOut(const std::function<void(const std::string&)>& to,
-                           const std::function<void(std::uint64_t)>& messages_lost) {
+void ControlWatch::handOut(const To& to, const std::function<void(std::uint64_t)>& messages_lost) {
   if (!waiting()) return;
   if (batch_done == batch.size()) {
     batch.clear();

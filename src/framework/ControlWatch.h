@@ -3,13 +3,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "Mailbox.h"
 #include "Waker.h"
+#include "WatchFilter.h"
 
 namespace drovane {
 
@@ -21,27 +22,30 @@ class ControlWatch {
   ControlWatch(const ControlWatch&) = delete;
   ControlWatch& operator=(const ControlWatch&) = delete;
 
-  void add(std::uint64_t client);
+  using Clients = std::map<std::uint64_t, WatchFilter>;
+
+  // A client that watches already gets another filter.
+  void add(std::uint64_t client, WatchFilter filter = {});
   void remove(std::uint64_t client);
-  const std::set<std::uint64_t>& clients() const { return watching; }
+  const Clients& clients() const { return watching; }
 
   // True when messages wait to be handed out.
   bool waiting() const;
-  // Hands out some of them, so that requests have their turn in a flood. `messages_lost` gets how
-  // many the flood has cost since the last call.
-  void handOut(const std::function<void(const std::string& line)>& to,
-               const std::function<void(std::uint64_t)>& messages_lost);
+  // Hands out some of them, so that requests have their turn in a flood, each to the clients whose
+  // filter it passes. `messages_lost` gets how many the flood has cost since the last call.
+  using To = std::function<void(std::uint64_t client, const std::string& line)>;
+  void handOut(const To& to, const std::function<void(std::uint64_t)>& messages_lost);
 
  private:
   void open();
   void close();
-  static bool handOutOne(RovikMessage& msg, const std::function<void(const std::string&)>& to);
+  bool handOutOne(RovikMessage& msg, const To& to) const;
 
   const std::shared_ptr<Waker> waker;
   std::shared_ptr<Mailbox> tap;  // null while nobody watches
   std::uint64_t lost_here = 0;   // for want of memory, since the tap was opened
   std::uint64_t reported_lost = 0;
-  std::set<std::uint64_t> watching;
+  Clients watching;
   std::vector<RovikMessage*> batch;
   std::size_t batch_done = 0;
 };

@@ -47,4 +47,6 @@ void Rovik::unitsReceived(std::uint64_t count, std::string_view last) {
   host->traffic.unitsReceived(count, last);
 }
 void Rovik::unitDropped() { host->traffic.unitDropped(); }
+bool Rovik::onTrial() const { return host->onTrial(); }
+int Rovik::trialLink(const TrialLink& kind) { return host->trialLink(kind); }
 std::atomic<std::size_t>& Rovik::scriptMemory() { return host->script_memory; }

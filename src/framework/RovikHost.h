@@ -66,6 +66,9 @@ class RovikHost {
   int start(std::function<bool()> first = nullptr);
   // For `first`, when it is going to return true: from now on commands wait for the loop.
   void acceptCommands();
+  // Before start: from now on the rovik is tried, and gets its links here.
+  using TrialLinks = std::function<int(const Rovik::TrialLink& kind)>;
+  void setOnTrial(TrialLinks links) { trial_links = std::move(links); }
   // Lets the loop end after the event in hand, without waiting: Rovik::stop then waits.
   void askToStop();
 
@@ -92,6 +95,8 @@ class RovikHost {
   RovikMessage* messageSndBlock(RovikMessage* msg);
   bool blocksOn(int socket);
   void setWarning(std::string text);
+  bool onTrial() const { return trial_links != nullptr; }
+  int trialLink(const Rovik::TrialLink& kind) { return trial_links(kind); }
   LinkTraffic traffic;
   std::atomic<std::size_t> script_memory{0};
 
@@ -135,6 +140,7 @@ class RovikHost {
   const std::shared_ptr<Mailbox> mailbox;
 
   std::function<bool()> first;  // the thread's, once it runs
+  TrialLinks trial_links;       // null: the rovik's links are its own
 
   // Whoever is inside the rovik: its thread, or the owner before that runs.
   Outbox outbox;

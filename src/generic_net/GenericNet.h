@@ -4,7 +4,7 @@
 //   where a line comes in    Inbound.cpp       selectFD -> rcvData
 //   where a line goes out    Outbound.cpp      selectMM, sndIO -> sndData
 //   where the link changes   Link.cpp          openGeneric, closeGeneric
-//   what a transport does    Udp.cpp, Tcp.cpp, Tls.cpp, Serial.cpp
+//   what a transport does    Udp.cpp, Tcp.cpp, Tls.cpp, Serial.cpp; Trial.cpp without a device
 //   where a command lives    Commands.cpp      one table of thirty rows
 //
 // The link is closed (fd < 0) or open (fd >= 0); only openGeneric and closeGeneric change that.
@@ -162,6 +162,10 @@ class GenericNet : public LuaRovik {
     const char* write_failure;  // its report, for errno and its text
   };
   const Transport* transport() const;
+
+  static const Transport kTrial;
+  int openTrial();
+  int closeTrial();
 
   bool takeDescriptor(int descriptor);
   void closeDescriptor();

@@ -40,6 +40,7 @@ const GenericNet::Transport* GenericNet::transport() const {
       {COM_SSL, &Net::openSSL, &Net::closeSSL, &Net::readSSL, &Net::writeSSL,
        "ssl write (errno: %d %s)\n"},
   };
+  if (onTrial()) return &kTrial;
   const auto* const found =
       std::find_if(std::begin(kTransports), std::end(kTransports),
                    [this](const Transport& how) { return how.mode == commode; });

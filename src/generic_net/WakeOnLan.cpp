@@ -42,6 +42,10 @@ void keepOpen(int socket) {
 }  // namespace
 
 int GenericNet::sendWOL() {
+  if (onTrial()) {
+    trace("no WOL packet: this is a trial\n");
+    return 0;
+  }
   const Packet packet = wakePacket(wol_mac);
   trace("opening WOL UDP socket\n");
   const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

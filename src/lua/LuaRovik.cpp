@@ -202,7 +202,8 @@ std::string LuaRovik::checkScript() {
   script_checked = true;
   const std::string file = std::string("lua/") + luafile;
   const std::string path = scriptPath(installationRoot(), luafile);
-  lua_State* L = luaL_newstate();
+  std::atomic<std::size_t> held{0};
+  lua_State* L = script::newState(held);
   if (L == nullptr) return "ERROR (not enough memory to check " + file + ")";
   std::string reply = kOk;
   if (luaL_loadfilex(L, path.c_str(), nullptr) != LUA_OK) {

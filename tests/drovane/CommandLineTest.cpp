@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
+
 #include "RunningProgram.h"
 
 namespace {
@@ -29,8 +32,13 @@ TEST_P(EachSubcommand, RefusesAnUnknownOption) {
 }
 
 INSTANTIATE_TEST_SUITE_P(CommandLine, EachSubcommand,
-                         testing::Values("run", "check", "cmd", "send", "get", "status", "watch"),
-                         [](const auto& each) { return std::string(each.param); });
+                         testing::Values("run", "check", "try", "cmd", "send", "get", "status",
+                                         "watch", "log-level"),
+                         [](const auto& each) {
+                           std::string name = each.param;
+                           std::replace(name.begin(), name.end(), '-', '_');
+                           return name;
+                         });
 
 class WrongUsage : public testing::TestWithParam<Arguments> {};
 
@@ -46,7 +54,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Arguments{}, Arguments{"fly"}, Arguments{"run"}, Arguments{"run", "a", "b"},
                     Arguments{"run", "a", "--log-level", "5"}, Arguments{"cmd"},
                     Arguments{"cmd", "boiler"}, Arguments{"send", "1_2_3", "int"},
-                    Arguments{"get", "1_2_3", "int"}, Arguments{"status", "now"}));
+                    Arguments{"get", "1_2_3", "int"}, Arguments{"status", "boiler", "now"}));
 
 TEST(CommandLine, NamesAnUnexpectedWord) {
   EXPECT_EQ(Program().ask({"run", "a", "b"}).errors,

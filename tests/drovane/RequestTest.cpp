@@ -158,4 +158,22 @@ TEST_F(Requests, OneRequestThatWaitsDoesNotKeepOthersWaiting) {
   EXPECT_EQ(waiting.wait(), 1);
 }
 
+TEST_F(Requests, LogLevelIsShownAndSetWhileTheHouseRuns) {
+  EXPECT_EQ(program.ask({"log-level"}).output, "3\n");
+  EXPECT_EQ(program.ask({"log-level", "2"}).output, "2\n");
+  program.ask({"cmd", "boiler", "log", "unheard"});
+  const Finished done = program.ask({"log-level", "4"});
+  EXPECT_EQ(done.status, 0);
+  EXPECT_EQ(done.output, "4\n");
+  EXPECT_EQ(program.ask({"log-level"}).output, "4\n");
+  ASSERT_TRUE(run.waitForErrors(" 3 0 drovane log level set to 4\n"));
+  EXPECT_THAT(run.errors(), testing::Not(HasSubstr("unheard")));
+}
+
+TEST_F(Requests, LogLevelRefusesWhatIsNone) {
+  const Finished done = program.ask({"log-level", "5"});
+  EXPECT_EQ(done.status, 2);
+  EXPECT_THAT(done.errors, HasSubstr("LEVEL: 5 not in {2,3,4}"));
+}
+
 }  // namespace

@@ -49,12 +49,12 @@ Finished Program::runToItsEnd(const std::string& config, const Arguments& option
 }
 
 // A watcher shows what comes after it has connected, so something is sent until it shows that.
-std::unique_ptr<Process> Program::watch(const Arguments& options) {
+std::unique_ptr<Process> Program::watch(const Arguments& options, const Arguments& sign) {
   Arguments line = {DROVANE_PROGRAM, "watch"};
   line.insert(line.end(), options.begin(), options.end());
   auto watcher = std::make_unique<Process>(line, environment());
   for (int tries = 0; tries < 500 && watcher->output().find("9_9_9") == std::string::npos; ++tries)
-    ask({"send", "9_9_9", "int", "1"});
+    ask(sign);
   EXPECT_NE(watcher->output().find("9_9_9"), std::string::npos) << watcher->errors();
   return watcher;
 }

@@ -34,8 +34,9 @@ class Program {
   Finished check(const std::string& config) const;
   // Runs "drovane run" to its end.
   Finished runToItsEnd(const std::string& config, const Arguments& options = {}) const;
-  // "watch", already connected.
-  std::unique_ptr<Process> watch(const Arguments& options = {});
+  // "watch", already connected. `sign` sends a message under 9_9_9 that it has to show.
+  std::unique_ptr<Process> watch(const Arguments& options = {},
+                                 const Arguments& sign = {"send", "9_9_9", "int", "1"});
 
   // The status of a rovik, once it is there.
   drovane::Json statusOf(int id) const;

@@ -72,4 +72,62 @@ TEST(Watch, EndsWithStatus3WhenDrovaneGoesAway) {
   EXPECT_EQ(watcher->errors(), "drovane: the drovane at " + program.control + " has gone away\n");
 }
 
+// What a filter lets through, up to a message that every filter of the test lets through.
+class FilteredWatch : public testing::Test {
+ protected:
+  // "other" tells 5_1_0, then "boiler" does, then the command line sends an actuator 7_2_0.
+  std::string shown(const Arguments& options) {
+    const Arguments sign = {"send", "9_9_9", "int", "1", "--to", "boiler"};
+    const auto watcher = program.watch(options, sign);
+    program.ask({"cmd", "other", "tell", "a"});
+    program.ask({"cmd", "boiler", "tell", "b"});
+    program.ask({"send", "7_2_0", "int", "3", "--to", "boiler", "--actuator"});
+    program.ask({"send", "9_9_9", "int", "4", "--to", "boiler"});
+    EXPECT_TRUE(watcher->waitForOutput("9_9_9 = 4"));
+    std::string shown;
+    for (const char* text : {"= \"a\"", "= \"b\"", "7_2_0 = 3"})
+      if (watcher->output().find(text) != std::string::npos) shown += text[text[0] == '7' ? 8 : 3];
+    return shown;
+  }
+
+  Program program;
+  Process& run = program.startReady(houseWith());
+};
+
+TEST_F(FilteredWatch, ShowsEverythingWithoutAWish) { EXPECT_EQ(shown({}), "ab3"); }
+
+TEST_F(FilteredWatch, ShowsWhatARovikSendsAndIsSent) {
+  EXPECT_EQ(shown({"--rovik", "boiler"}), "b3");
+  EXPECT_EQ(shown({"--rovik", "5"}), "b3");
+  EXPECT_EQ(shown({"--rovik", "6", "--rovik", "cli"}), "a3");
+}
+
+TEST_F(FilteredWatch, ShowsAKind) {
+  EXPECT_EQ(shown({"--kind", "data"}), "ab");
+  EXPECT_EQ(shown({"--kind", "actuator", "--kind", "data"}), "ab3");
+}
+
+TEST_F(FilteredWatch, ShowsKeysThatMatchAPattern) {
+  EXPECT_EQ(shown({"--key", "[79]_*"}), "3");
+  EXPECT_EQ(shown({"--key", "5_1_0", "--key", "9_*"}), "ab");
+}
+
+TEST_F(FilteredWatch, ShowsWhatPassesAll) {
+  EXPECT_EQ(shown({"--rovik", "boiler", "--kind", "data", "--key", "*"}), "b");
+}
+
+TEST_F(FilteredWatch, RefusesAKindThatThereIsNot) {
+  const Finished done = program.ask({"watch", "--kind", "nonsense"});
+  EXPECT_EQ(done.status, 2);
+  EXPECT_THAT(done.errors, HasSubstr("--kind: nonsense not in {empty,data,data-request,"));
+}
+
+TEST_F(FilteredWatch, RefusesARovikThatIsNotThere) {
+  const Finished done = program.ask({"watch", "--rovik", "nobody"});
+  EXPECT_EQ(done.status, 1);
+  EXPECT_EQ(done.errors,
+            "drovane: there is no rovik 'nobody'; expected a name or an id that 'drovane status' "
+            "shows\n");
+}
+
 }  // namespace

@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "Drovane.h"
 #include "faults/MemoryFaults.h"
 #include "framework/Clock.h"
 #include "framework/ControlOperations.h"
@@ -164,5 +165,31 @@ INSTANTIATE_TEST_SUITE_P(
                    R"(a word is no text; expected the words of a command, such as )"
                    R"([\"mode\",\"tcp\"])"}),
     [](const auto& each) { return each.param.name; });
+
+TEST_F(ControlOperationsTest, ALogLevelThatIsNoneIsRefused) {
+  EXPECT_EQ(
+      perform(R"({"op":"log-level","level":"5"})"),
+      refusal("unknown log level '5'; expected 2 (errors), 3 (events too) or 4 (everything)"));
+  EXPECT_EQ(Drovane::global.logLevel(), LOG_LEVEL_INFO);
+}
+
+TEST_F(ControlOperationsTest, AFilterHasToBeOne) {
+  EXPECT_EQ(perform(R"({"op":"watch","kinds":["MM_NONSENSE"]})"),
+            refusal("unknown kind 'MM_NONSENSE'; expected a type such as MM_DATA"));
+  EXPECT_EQ(perform(R"({"op":"watch","keys":"5_1_0"})"),
+            refusal("'keys' is no list of texts; expected one, or no such field"));
+  EXPECT_EQ(perform(R"({"op":"watch","roviks":[5]})"),
+            refusal("'roviks' is no list of texts; expected one, or no such field"));
+  EXPECT_EQ(perform(R"({"op":"watch","roviks":["nobody"]})"),
+            refusal("there is no rovik 'nobody'; expected a name or an id that 'drovane status' "
+                    "shows"));
+  EXPECT_TRUE(watch.clients().empty());
+}
+
+TEST_F(ControlOperationsTest, StatusOfOneRovikHasOneRow) {
+  const std::string reply = perform(R"({"op":"status","rovik":"lamp"})");
+  EXPECT_NE(reply.find(R"("name":"lamp")"), std::string::npos);
+  EXPECT_EQ(reply.find(R"("name":"boiler")"), std::string::npos);
+}
 
 }  // namespace

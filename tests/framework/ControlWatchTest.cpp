@@ -23,7 +23,7 @@ class ControlWatchTest : public testing::Test {
   // The lines of one turn.
   std::vector<std::string> handedOut() {
     std::vector<std::string> lines;
-    watch.handOut([&](const std::string& line) { lines.push_back(line); },
+    watch.handOut([&](std::uint64_t, const std::string& line) { lines.push_back(line); },
                   [&](std::uint64_t count) { lost += count; });
     return lines;
   }
@@ -39,7 +39,8 @@ TEST_F(ControlWatchTest, NobodyIsShownAnythingUntilSomebodyWatches) {
   watch.add(1);
   watch.add(2);
   send("meanwhile");
-  EXPECT_THAT(handedOut(), ElementsAre(HasSubstr(R"("msg":"meanwhile")")));
+  EXPECT_THAT(handedOut(),
+              ElementsAre(HasSubstr(R"("msg":"meanwhile")"), HasSubstr(R"("msg":"meanwhile")")));
   watch.remove(1);
   send("for one");
   EXPECT_THAT(handedOut(), ElementsAre(HasSubstr(R"("msg":"for one")")));
