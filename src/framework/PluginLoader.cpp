@@ -27,7 +27,7 @@ std::vector<std::string> PluginLoader::standardFolders(const std::string& extra)
   const fs::path program = fs::read_symlink("/proc/self/exe", error).parent_path();
   if (!error) {
     folders.push_back(program.string());
-    folders.push_back((program.parent_path() / "lib" / "drovane").string());
+    folders.push_back((program / DROVANE_PLUGINS_FROM_PROGRAM).lexically_normal().string());
   }
   folders.emplace_back(DROVANE_PLUGIN_DIR);
   if (!extra.empty()) folders.push_back(extra);

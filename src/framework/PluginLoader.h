@@ -24,8 +24,8 @@ class PluginLoader {
   // Plug-ins are looked for in these folders, in this order.
   explicit PluginLoader(std::vector<std::string> where) : folders(std::move(where)) {}
 
-  // Beside the program, in ../lib/drovane seen from there, in the install's plug-in folder, and
-  // in `extra` unless it is empty.
+  // Beside the program, in the plug-in folder as it lies seen from there (../lib/drovane, or what
+  // the install calls lib), in the install's plug-in folder, and in `extra` unless it is empty.
   static std::vector<std::string> standardFolders(const std::string& extra);
 
   struct Made {

@@ -39,7 +39,10 @@ class ControlSocket : public testing::Test {
     fs::create_directories(copy / "bin");
     fs::create_directories(copy / "lib");
     fs::copy_file(built, copy / "bin/drovane");
-    fs::copy_file(built.parent_path() / "../lib/libdrovane.so", copy / "lib/libdrovane.so");
+    for (const auto& entry : fs::directory_iterator(fs::path(DROVANE_PLUGINS).parent_path())) {
+      const std::string name = entry.path().filename();
+      if (name.starts_with("libdrovane.so")) fs::copy_file(entry.path(), copy / "lib" / name);
+    }
     for (const fs::path& folder : {copy, copy / "bin", copy / "lib"})
       fs::permissions(folder, fs::perms{0755});
     return runToEnd({"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--",
