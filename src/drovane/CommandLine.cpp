@@ -49,10 +49,18 @@ void declareRun(CLI::App& app, Options& options) {
   app.add_option("--log-level", options.log_level, "2 errors, 3 events too, 4 everything")
       ->type_name("2|3|4")
       ->check(CLI::IsMember({2, 3, 4}));
-  app.add_option("--log-file", options.log_file, "Write the log here instead of standard error")
-      ->type_name("FILE");
+  CLI::Option* file =
+      app.add_option("--log-file", options.log_file, "Write the log here instead of standard error")
+          ->type_name("FILE");
+  app.add_flag("--log-journal", options.log_journal, "Write the log to the systemd journal")
+      ->excludes(file);
   app.add_flag("--strict", options.strict,
                "Do not start when a command of FILE is answered with an error");
+  app.add_option("--restart-hung", options.restart_hung,
+                 "Give no more signs of life to the service manager when a rovik has hung for so "
+                 "long")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1, 86400));
 }
 
 void declareTry(CLI::App& app, Options& options) {

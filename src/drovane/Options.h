@@ -13,8 +13,10 @@ struct Options {
   std::string plugins;
   std::string control;
   std::string log_file;
+  bool log_journal = false;
   int log_level = 0;  // 0: not given
   bool strict = false;
+  int restart_hung = 0;  // seconds; 0: not given
   std::string rovik;
   std::vector<std::string> words;
   std::string key;

@@ -13,8 +13,10 @@
 #include <optional>
 #include <system_error>
 
+#include "Caretaker.h"
 #include "ControlClient.h"
 #include "Drovane.h"
+#include "Journal.h"
 #include "Phase.h"
 #include "RovikUtil.h"
 #include "Signals.h"
@@ -35,7 +37,7 @@ using std::chrono::nanoseconds;
 // From the signal on: until when everything has to be over, and what the log gets after that.
 constexpr std::chrono::milliseconds kStopBound{4500};
 constexpr std::chrono::milliseconds kLogBound{300};
-constexpr std::int64_t kNoDeadline = -1;
+constexpr int kNothingElse = -1;  // but signals is waited for
 constexpr int kInterrupted = 128 + SIGINT;
 
 std::int64_t after(std::chrono::milliseconds delay) {
@@ -46,11 +48,13 @@ void log(int level, const std::string& text) {
   Drovane::global.log(level, kFrameworkId, kFrameworkName, "%s\n", text.c_str());
 }
 
-void openLog(const std::string& file) {
-  if (file.empty())
+void openLog(const Options& options) {
+  if (options.log_journal)
+    openJournal();
+  else if (options.log_file.empty())
     Log::global().openTerminal();
   else
-    Log::global().openFile(file);
+    Log::global().openFile(options.log_file);
 }
 
 // Each link takes a descriptor, and the framework's own lie above those that links can use.
@@ -86,6 +90,7 @@ class Running {
     const int error = control->start();
     if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_create");
     log(LOG_LEVEL_INFO, "control socket " + control->path());
+    caretaker.emplace(house, *control, options.restart_hung);
     const int status = startAndWait();
     stop(status);
     return status;
@@ -101,16 +106,26 @@ class Running {
   // Returns when it is time to stop: the status to leave with.
   int startAndWait() {
     starting.emplace("drovane-start", [this] { started = house.start(options.strict); });
-    if (signals.wait(starting->descriptor(), kNoDeadline) != Signals::Event::Done) return kDone;
+    if (wait(starting->descriptor()) != Signals::Event::Done) return kDone;
     if (!started) return kUsage;
     log(LOG_LEVEL_INFO, options.file + ": " + house.countText());
-    signals.wait(-1, kNoDeadline);
+    caretaker->ready();
+    wait(kNothingElse);
     return kDone;
+  }
+
+  // As Signals::wait, without a deadline; the house is looked after meanwhile.
+  Signals::Event wait(int done) {
+    while (true) {
+      const Signals::Event event = signals.wait(done, caretaker->turn());
+      if (event != Signals::Event::Deadline) return event;
+    }
   }
 
   void stop(int status) {
     const std::int64_t deadline = after(kStopBound);
     Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "stopping\n");
+    caretaker->stopping();
     control.reset();
     stopping.begin();
     Signals::Event event = Signals::Event::Terminate;
@@ -147,6 +162,7 @@ class Running {
   Phase stopping{"drovane-stop", [this] { house.stop(); }, Phase::Begin::WhenTold};
   Phase closing{"drovane-log", [] { Log::global().close(); }, Phase::Begin::WhenTold};
   std::optional<ControlServer> control;
+  std::optional<Caretaker> caretaker;
   std::atomic<bool> started{false};  // set by the start phase
   std::optional<Phase> starting;
 };
@@ -162,7 +178,7 @@ int run(const Options& options) {
                                                        : config.log_level.value_or(LOG_LEVEL_INFO));
     Drovane::global.setInstRoot(options.root.empty() ? config.rootFolder() : options.root);
     const std::unique_ptr<Running> running = std::make_unique<Running>(options, std::move(config));
-    openLog(options.log_file);
+    openLog(options);
     return running->run();
   } catch (const ConfigError& error) {
     std::cerr << printable(error.what()) + '\n';

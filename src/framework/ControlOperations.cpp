@@ -37,6 +37,14 @@ void addSeconds(const Json& object, const char* field, double seconds) {
   cJSON_AddNumberToObject(object.get(), field, std::round(seconds * 1000) / 1000);
 }
 
+// Nothing for a slot that has only just been entered: it would come and go with every look.
+void addBusy(const Json& row, const std::optional<Busy>& busy) {
+  const double seconds = busy ? secondsSince(busy->since) : 0;
+  if (seconds < 1) return;
+  cJSON_AddStringToObject(row.get(), "slot", busy->slot);
+  addSeconds(row, "slot_seconds", seconds);
+}
+
 struct DirectionFields {
   const char* bytes;
   const char* units;
@@ -224,6 +232,7 @@ Json ControlOperations::memberStatus(const House::Member& of) const {
                           warned ? localTime(now.warning_time, 0).c_str() : "");
   addCount(row, "warning_count", now.warning_count);
   if (warned) addSeconds(row, "warning_seconds", secondsSince(now.warning_clock));
+  addBusy(row, now.busy);
   addTraffic(row, now.traffic);
   addCount(row, "script_memory", now.script_memory);
   if (now.timer_expiry) addSeconds(row, "timer_seconds", -secondsSince(*now.timer_expiry));

@@ -42,6 +42,12 @@ int ControlServer::stop() {
   return Thread::stop();
 }
 
+// In one order with the sleeper's steps: either it sees the wish or wake() sees it asleep.
+void ControlServer::askForTurn() {
+  turn_wanted.store(true, std::memory_order_seq_cst);
+  waker->wake();
+}
+
 int ControlServer::main() {
   while (!stopping()) {
     try {
@@ -55,6 +61,7 @@ int ControlServer::main() {
 }
 
 void ControlServer::turn() {
+  turn_wanted.store(false, std::memory_order_relaxed);  // first: the turn may end with an exception
   wait();
   for (std::size_t i = 0; i < polled.size(); ++i) {
     if (polled[i].revents == 0 || polled_clients[i] == kNoClient) continue;
@@ -89,7 +96,7 @@ void ControlServer::wait() {
   if (Clock::now() >= accept_again) addPoll(listener.descriptor(), POLLIN, kNoClient);
   pollConnections();
   waker->aboutToSleep();
-  const bool busy = stopping() || operations.waiting() || watch.waiting();
+  const bool busy = stopping() || turn_wanted || operations.waiting() || watch.waiting();
   const int ready = ::poll(polled.data(), polled.size(), busy ? 0 : timeLeft());
   const int error = errno;
   waker->awake(ready > 0 && polled.front().revents != 0);

@@ -3,6 +3,7 @@
 
 #include <poll.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -44,6 +45,10 @@ class ControlServer final : private Thread {
 
   const std::string& path() const { return listener.path; }
 
+  // Whether the thread turns: ask, and look some time later. Any thread.
+  void askForTurn();
+  bool hasTurned() const { return !turn_wanted.load(std::memory_order_relaxed); }
+
  private:
   using Connections = std::map<std::uint64_t, ControlConnection>;
 
@@ -73,6 +78,7 @@ class ControlServer final : private Thread {
   void drop(std::uint64_t client);
 
   const std::shared_ptr<Waker> waker = std::make_shared<Waker>();
+  std::atomic<bool> turn_wanted{false};
   ControlListener listener;
   ControlWatch watch;
   ControlOperations operations;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <iterator>
@@ -61,6 +62,37 @@ class FileSink final : public spdlog::sinks::base_sink<std::mutex> {
   void flush_() override {}
 
   LogFile file;
+};
+
+// The number that the text begins with, and the blank behind it, are taken off the text.
+int takeNumber(std::string_view& text) {
+  int number = 0;
+  const auto end = std::from_chars(text.data(), text.data() + text.size(), number).ptr;
+  text.remove_prefix(static_cast<std::size_t>(end - text.data()) + 1);
+  return number;
+}
+
+// Takes apart what State::put has put together: no name holds a blank.
+LogLine apart(std::string_view line) {
+  const int level = takeNumber(line);
+  const int id = takeNumber(line);
+  const std::size_t blank = line.find(' ');
+  return {level, id, line.substr(0, blank), line.substr(blank + 1)};
+}
+
+// On the writer's thread.
+class WriterSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit WriterSink(std::function<void(const LogLine&)> its_writer)
+      : writer(std::move(its_writer)) {}
+
+ private:
+  void sink_it_(const spdlog::details::log_msg& msg) override {
+    writer(apart({msg.payload.data(), msg.payload.size()}));
+  }
+  void flush_() override {}
+
+  const std::function<void(const LogLine&)> writer;
 };
 
 // To standard error, whatever the log writes to: the log itself is what does not work. By the
@@ -158,6 +190,10 @@ void Log::openFile(const std::string& path) {
   } catch (const std::system_error& error) {
     throw std::runtime_error("log file '" + path + "' cannot be opened: " + error.code().message());
   }
+}
+
+void Log::openWriter(std::function<void(const LogLine&)> writer) {
+  state->open(std::make_shared<WriterSink>(std::move(writer)));
 }
 
 void Log::close() {

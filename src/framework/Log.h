@@ -36,6 +36,10 @@ class Log {
   // be opened.
   void openFile(const std::string& path);
 
+  // Lines go to `writer`, on the writer's thread, without their time. What it throws is complained
+  // about on standard error; that line is lost.
+  void openWriter(std::function<void(const LogLine&)> writer);
+
   // Writes what is still waiting and goes back to writing line by line.
   void close();
 

@@ -135,6 +135,7 @@ bool RovikHost::pollFor(std::int64_t nanoseconds, int link) {
 std::string RovikHost::interpret(const std::vector<std::string>& words) {
   if (words.empty()) return "";  // a rovik may rely on its keyword
   const InsideRovik here(this);
+  const BusySign::In busy(busy_sign, "interpretCmd", Clock::coarse());
   CommandVector vector(words);
   std::string reply;
   runSlot([&] { reply = rovik.interpretCmd(vector.get()); },
@@ -222,6 +223,7 @@ void RovikHost::publishState() {
 }
 
 void RovikHost::publishDescription() {
+  const BusySign::In busy(busy_sign, "getDescription", Clock::coarse());
   const auto report = [this](const char* what) { exceptionIn("getDescription", what); };
   std::string text;
   runSlot(
@@ -257,6 +259,7 @@ RovikStatus RovikHost::status() const {
   now.received = mailbox->received();
   now.sent = outbox.sent();
   now.dropped = mailbox->dropped();
+  now.busy = busy();
   now.traffic = traffic.figures();
   now.script_memory = script_memory.load(std::memory_order_relaxed);
   const std::int64_t expiry = timer_expiry.load(std::memory_order_relaxed);

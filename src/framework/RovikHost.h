@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Busy.h"
 #include "Command.h"
 #include "Identity.h"
 #include "LinkTraffic.h"
@@ -40,6 +41,7 @@ struct RovikStatus {
   std::int64_t warning_clock = 0;  // the same moment in nanoseconds of Clock
   std::uint64_t warning_count = 0;
   std::string description;  // the description object as JSON
+  std::optional<Busy> busy;
   LinkTraffic::Figures traffic;
   std::size_t script_memory = 0;             // bytes; 0: no script is open
   std::optional<std::int64_t> timer_expiry;  // nanoseconds of Clock; none: the timer is not armed
@@ -88,6 +90,8 @@ class RovikHost {
   bool post(const std::shared_ptr<Command>& command);
 
   RovikStatus status() const;
+  // The slot that the rovik is in now; none while it waits for events.
+  std::optional<Busy> busy() const { return busy_sign.look(); }
   const Mailbox& address() const { return *mailbox; }
 
   // What a rovik calls through its base class.
@@ -149,6 +153,7 @@ class RovikHost {
   bool flooded = false;            // the last batch was a large one, and came soon
   std::int64_t waiting_since = 0;  // when the last wait for events began, by Clock
 
+  BusySign busy_sign;
   std::atomic<bool> running{false};
   std::atomic<bool> link_open{false};
   std::atomic<bool> held_back{false};

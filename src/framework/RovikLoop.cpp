@@ -144,6 +144,7 @@ void RovikHost::slot(const char* slot_name, Slot body) {
 // and only while nothing else waits.
 void RovikHost::dispatchLink() {
   const std::int64_t begun = Clock::coarse();
+  const BusySign::In busy(busy_sign, "selectFD", begun);
   const std::uint64_t sent_before = outbox.sent();
   do slot("selectFD", [this] { rovik.selectFD(); });
   while (outbox.sent() - sent_before < kFlood && !commands_wait.load() && mailbox->depth() == 0 &&
@@ -169,6 +170,7 @@ void RovikHost::dispatchMessages() {
   flooded = batch.size() >= kFlood && Clock::now() - waiting_since < kSoon;
   if (batch.empty()) return;
   const std::int64_t begun = Clock::coarse();
+  const BusySign::In busy(busy_sign, "selectMM", begun);
   while (batch_done < batch.size() && !rovik.stopping()) {
     RovikMessage* const msg = batch[batch_done++];
     if (batch_done + kAhead < batch.size()) RecordPool::prefetch(batch[batch_done + kAhead]);
@@ -222,6 +224,7 @@ void RovikHost::dispatchTimer() {
   const auto expiry = rovik.timer.expiry();
   if (!expiry || *expiry > Clock::now()) return;
   rovik.timer.set(rovik.period, false);
+  const BusySign::In busy(busy_sign, "selectTI", Clock::coarse());
   slot("selectTI", [this] { rovik.selectTI(); });
   outbox.flush();
 }

@@ -61,7 +61,8 @@ std::vector<std::string> fixedParts(const std::string& text) {
 TEST(OperationManual, ShowsOnlyTextsThatTheTestsOfTheFaultsExpect) {
   std::string tests;
   for (const char* file :
-       {"LimitFaultsTest.cpp", "LogFaultsTest.cpp", "ClockFaultsTest.cpp", "RestartFaultsTest.cpp"})
+       {"LimitFaultsTest.cpp", "LogFaultsTest.cpp", "ClockFaultsTest.cpp", "RestartFaultsTest.cpp",
+        "ServiceTest.cpp", "WatchdogTest.cpp", "JournalTest.cpp"})
     tests += sourceOf(file);
   const Texts shown = textsShown();
   EXPECT_GE(shown.size(), 18U);

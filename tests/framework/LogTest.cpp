@@ -186,6 +186,38 @@ TEST(LogTest, AFileThatCannotBeOpenedIsNamed) {
   EXPECT_THAT(file.lines(), ElementsAre("in the way"));
 }
 
+TEST(LogTest, AWriterGetsEveryLineInItsPartsByTheTimeItIsClosed) {
+  std::vector<CapturedLine> written;
+  Log::global().openWriter([&](const drovane::LogLine& line) {
+    written.push_back({line.level, line.id, std::string(line.name), std::string(line.text)});
+  });
+  const int level = Drovane::global.logLevel();
+  Drovane::global.setLogLevel(4);
+  Drovane::global.log(2, 16000, "a.b-c_d", "bind (errno: %d %s)\n", 98, "in use");
+  Drovane::global.log(3, 7, "boiler", "\n");
+  Drovane::global.log(4, 0, "drovane", " 3 4 x {} \\ ");
+  Drovane::global.setLogLevel(level);
+  Log::global().close();
+  EXPECT_THAT(written, ElementsAre(CapturedLine{2, 16000, "a.b-c_d", "bind (errno: 98 in use)"},
+                                   CapturedLine{3, 7, "boiler", ""},
+                                   CapturedLine{4, 0, "drovane", " 3 4 x {} \\ "}));
+}
+
+TEST(LogTest, WhatAWriterThrowsIsComplainedAboutAndTheLogGoesOn) {
+  std::vector<std::string> written;
+  testing::internal::CaptureStderr();
+  Log::global().openWriter([&](const drovane::LogLine& line) {
+    if (line.text == "bad") throw std::runtime_error("no journal");
+    written.emplace_back(line.text);
+  });
+  Drovane::global.log(3, 7, "boiler", "bad\n");
+  Drovane::global.log(3, 7, "boiler", "good\n");
+  Log::global().close();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "drovane: the log cannot be written: no journal\n");
+  EXPECT_THAT(written, ElementsAre("good"));
+}
+
 TEST(LogTest, AnObserverSeesWhatIsWrittenUntilItIsTakenAway) {
   std::vector<std::string> seen;
   Log::global().observe([&](const drovane::LogLine& line) {

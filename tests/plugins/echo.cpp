@@ -22,6 +22,7 @@ class Echo : public Rovik {
     if (word == "fail") return "ERROR (FAILED)";
     if (word == "warn") return warn(joined(arg + 1));
     if (word == "log") return logged(joined(arg + 1));
+    if (word == "longlog") return logged(std::string(std::stoul(joined(arg + 1)), 'x'));
     if (word == "last") return last;
     if (word == "tell") return tell(joined(arg + 1));
     if (word == "open" && fd < 0) return open();
