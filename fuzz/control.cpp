@@ -161,15 +161,16 @@ class Client {
     input.erase(0, begin);
   }
 
-  // A reply says whether all is well, and if not, why; all else is for those who watch.
+  // A reply says whether all is well, and if not, why; all else is for those who watch or trace.
   void takeLine(const std::string& line) {
     const Json json(cJSON_Parse(line.c_str()));
     require(cJSON_IsObject(json.get()) != 0, "the server speaks JSON objects");
     const cJSON* ok = cJSON_GetObjectItemCaseSensitive(json.get(), "ok");
     if (ok == nullptr) {
       const bool watched = cJSON_HasObjectItem(json.get(), "type") != 0 ||
+                           cJSON_HasObjectItem(json.get(), "event") != 0 ||
                            cJSON_HasObjectItem(json.get(), "dropped") != 0;
-      return require(watched, "what is no reply is a message");
+      return require(watched, "what is no reply is a message or an event of a link");
     }
     ++answers;
     require(cJSON_IsBool(ok) != 0, "a reply says whether all is well");

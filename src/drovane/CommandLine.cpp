@@ -131,9 +131,32 @@ void declareLogLevel(CLI::App& app, Options& options) {
       ->check(CLI::IsMember({"2", "3", "4"}));
 }
 
+void declareTrace(CLI::App& app, Options& options) {
+  declareControl(app, options);
+  app.add_option("ROVIK", options.rovik, "Name or id")->required();
+  app.add_flag("--hex", options.hex, "Bytes in hexadecimal digits, 16 a line");
+  app.add_option("--record", options.record, "Write it to a new file too, for 'drovane replay'")
+      ->type_name("FILE");
+  app.add_flag("--force", options.force, "Replace the file of --record when it is there already")
+      ->needs("--record");
+}
+
+void declareReplay(CLI::App& app, Options& options) {
+  app.add_option("FILE", options.file, "What 'drovane trace --record' has written")->required();
+  app.add_option("--port", options.port, "TCP port of 127.0.0.1 (default: any, which is printed)")
+      ->type_name("N")
+      ->check(CLI::Range(0, 65535));
+  app.add_option("--link", options.link, "Play on a serial line that is found at PATH, not on TCP")
+      ->type_name("PATH")
+      ->excludes("--port");
+  app.add_option("--speed", options.speed, "2 is twice as fast, 0 without any pause (default: 1)")
+      ->type_name("FACTOR")
+      ->check(CLI::Range(0.0, 1e6));
+}
+
 constexpr const char* kVersionLine = "drovane " DROVANE_VERSION;
 
-constexpr std::array<Subcommand, 9> kSubcommands = {{
+constexpr std::array<Subcommand, 11> kSubcommands = {{
     {"run", "Start the roviks of a configuration, until SIGINT or SIGTERM",
      "Example: drovane run house.conf --log-level 3", declareRun, run, false},
     {"check", "Read a configuration, load its plug-ins, try its commands; open nothing",
@@ -158,6 +181,15 @@ constexpr std::array<Subcommand, 9> kSubcommands = {{
      "--rovik, --kind and --key may be given more than once: any of the values will do.\n"
      "Example: drovane watch --rovik boiler --key '5_*'",
      declareWatch, watch, false},
+    {"trace", "Show the bytes of a link in both directions, until interrupted",
+     "Lines: TIME < bytes from the device, TIME > bytes to it, TIME + and - the link comes and "
+     "goes\n"
+     "Example: drovane trace boiler --record boiler.rec",
+     declareTrace, trace, false},
+    {"replay", "Play the device of a recording; tell where the house does something else",
+     "Exit status: 0 all came as recorded, 1 not, 2 the recording cannot be read\n"
+     "Example: drovane replay boiler.rec --port 7001",
+     declareReplay, replay, false},
     {"log-level", "Show the log level, or set it until the end of the run",
      "Example: drovane log-level 4", declareLogLevel, logLevel, false},
 }};

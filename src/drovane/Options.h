@@ -31,6 +31,12 @@ struct Options {
   std::vector<std::string> roviks;  // to watch
   std::vector<std::string> kinds;
   std::vector<std::string> keys;
+  bool hex = false;
+  std::string record;
+  bool force = false;
+  int port = 0;  // 0: any that is free
+  std::string link;
+  double speed = 1;
 };
 
 // The exit statuses.

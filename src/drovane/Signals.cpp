@@ -10,9 +10,21 @@
 #include <cerrno>
 #include <system_error>
 
+#include "Options.h"
 #include "framework/Clock.h"
 
 namespace drovane {
+namespace {
+
+void leave(int) { ::_exit(kDone); }
+
+}  // namespace
+
+void leaveOnSignals() {
+  struct sigaction action {};
+  action.sa_handler = leave;
+  for (const int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
+}
 
 Signals::Signals() {
   sigset_t taken;
@@ -29,7 +41,9 @@ Signals::Event Signals::wait(int done, std::int64_t deadline) const {
   while (true) {
     std::array<pollfd, 2> watched = {{{descriptor.get(), POLLIN, 0}, {done, POLLIN, 0}}};
     const std::int64_t left = std::max<std::int64_t>(deadline - Clock::now(), 0);
-    const int limit = deadline < 0 ? -1 : static_cast<int>(left / 1'000'000 + 1);
+    constexpr std::int64_t kLongest = 3'600'000;  // milliseconds; then it looks at the time anew
+    const int limit =
+        deadline < 0 ? -1 : static_cast<int>(std::min(left / 1'000'000 + 1, kLongest));
     const int ready = ::poll(watched.data(), watched.size(), limit);
     if (ready < 0 && errno != EINTR)
       throw std::system_error(errno, std::generic_category(), "poll");

@@ -7,6 +7,10 @@
 
 namespace drovane {
 
+// From now on SIGINT and SIGTERM end the process at once with status 0: for what has nothing to tidy
+// up.
+void leaveOnSignals();
+
 // Takes SIGINT and SIGTERM as readable events. Make it before any thread is started: threads
 // inherit what is blocked here.
 class Signals {

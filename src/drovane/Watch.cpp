@@ -1,25 +1,14 @@
-#include <signal.h>
-#include <unistd.h>
-
 #include <iostream>
 
 #include "ControlClient.h"
 #include "MessageText.h"
+#include "Signals.h"
 #include "Subcommands.h"
 #include "Terminal.h"
 #include "framework/Router.h"
 
 namespace drovane {
 namespace {
-
-// Every line is written out at once, so there is nothing to tidy up.
-void leave(int) { ::_exit(kDone); }
-
-void leaveOnSignals() {
-  struct sigaction action {};
-  action.sa_handler = leave;
-  for (const int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
-}
 
 RovikNames rovikNames(ControlClient& client) {
   RovikNames names = {{kCommandLineId, kCommandLineName}};
@@ -60,6 +49,7 @@ Json watchRequest(const Options& options) {
 
 }  // namespace
 
+// Every line is written out at once, so there is nothing to tidy up.
 int watch(const Options& options) {
   leaveOnSignals();
   ControlClient client(ControlClient::choosePath(options.control));

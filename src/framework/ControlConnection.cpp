@@ -44,18 +44,34 @@ void ControlConnection::append(const std::string& line) {
   output += '\n';
 }
 
-void ControlConnection::tell(const std::string& line) {
+void ControlConnection::tell(const std::string& line, std::uint64_t bytes) {
   reportDropped();
   if (dropped > 0 || output.size() - sent + line.size() > kOutputBound)
-    ++dropped;
+    countDropped(1, bytes);
   else
     append(line);
 }
 
+void ControlConnection::countDropped(std::uint64_t lines, std::uint64_t bytes) {
+  dropped += lines;
+  dropped_bytes += bytes;
+}
+
 // Waits until half the room is free, so that a slow client is not told once per message.
 void ControlConnection::reportDropped() {
-  if (dropped == 0 || output.size() - sent > kOutputBound / 2) return;
-  append("{\"dropped\":" + std::to_string(std::exchange(dropped, 0)) + "}");
+  if (dropped > 0 && output.size() - sent <= kOutputBound / 2) appendDropped();
+}
+
+void ControlConnection::tellLast(const std::string& line) {
+  if (dropped > 0) appendDropped();
+  append(line);
+}
+
+void ControlConnection::appendDropped() {
+  std::string line = "{\"dropped\":" + std::to_string(std::exchange(dropped, 0));
+  if (dropped_bytes > 0)
+    line += ",\"dropped_bytes\":" + std::to_string(std::exchange(dropped_bytes, 0));
+  append(line + '}');
 }
 
 bool ControlConnection::flush() {

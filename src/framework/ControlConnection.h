@@ -33,10 +33,13 @@ class ControlConnection {
 
   // Always finds room: whoever answers requests looks at full before each.
   void reply(const std::string& line) { append(line); }
-  // For a watching client: what finds no room is counted instead, and the client is told with
-  // {"dropped":N} as soon as there is room again.
-  void tell(const std::string& line);
-  void countDropped(std::uint64_t messages) { dropped += messages; }
+  // For a watching or tracing client: what finds no room is counted instead, and the client is told
+  // with {"dropped":N} as soon as there is room again; with "dropped_bytes" too when the lines
+  // stood for `bytes` of a link.
+  void tell(const std::string& line, std::uint64_t bytes = 0);
+  void countDropped(std::uint64_t lines, std::uint64_t bytes = 0);
+  // The last line of all that is told: always finds room, and so does the count before it.
+  void tellLast(const std::string& line);
   // Writes what the client takes. False when the connection is broken.
   bool flush();
   bool unsent() const { return sent < output.size(); }
@@ -47,13 +50,14 @@ class ControlConnection {
 
   // The server's notes about the client.
   bool busy = false;       // its request will be answered later
-  bool watching = false;   // gets every message
+  bool watching = false;   // gets messages, or what goes over a link
   bool greeted = false;    // has sent a complete request
   std::int64_t heard = 0;  // when it last sent something, in nanoseconds of Clock
 
  private:
   void append(const std::string& line);
   void reportDropped();
+  void appendDropped();
 
   Descriptor socket;
   std::string input;
@@ -61,6 +65,7 @@ class ControlConnection {
   std::string output;
   std::size_t sent = 0;  // of `output`
   std::uint64_t dropped = 0;
+  std::uint64_t dropped_bytes = 0;
 };
 
 }  // namespace drovane

@@ -80,6 +80,7 @@ const ControlOperations::Operation ControlOperations::kOperations[] = {
     {"status", &ControlOperations::status},
     {"watch", &ControlOperations::watchMessages},
     {"log-level", &ControlOperations::logLevel},
+    {"trace", &ControlOperations::traceLink},
     {"version", &ControlOperations::versionOnly},
 };
 
@@ -107,11 +108,13 @@ bool CommandResults::empty() const {
 }
 
 ControlOperations::ControlOperations(const House& its_house, std::string its_version,
-                                     ControlWatch& its_watch, const std::shared_ptr<Waker>& waker)
+                                     ControlWatch& its_watch, ControlTrace& its_trace,
+                                     const std::shared_ptr<Waker>& waker)
     : house(its_house),
       version(std::move(its_version)),
       no_memory(errorReply("there is no memory for an answer; expected another try later")),
       watch(its_watch),
+      trace(its_trace),
       started(Clock::now()),
       mailbox(std::make_shared<Mailbox>(kCommandLineId, kCommandLineName, waker)),
       outbox(mailbox),
@@ -287,6 +290,24 @@ Json ControlOperations::logLevel(const Request& request) {
   }
   Json reply = okReply();
   cJSON_AddNumberToObject(reply.get(), "level", Drovane::global.logLevel());
+  return reply;
+}
+
+// The mode is that of the configuration; a plug-in that knows no such word has none.
+Json ControlOperations::traceLink(const Request& request) {
+  const House::Member& traced =
+      member(requiredText(request.fields, "rovik", "a rovik's name or id"));
+  const RovikStatus now = traced.host().status();
+  Json reply = okReply();
+  cJSON_AddStringToObject(reply.get(), "rovik", traced.config.name.c_str());
+  for (const ConfigCommand& command : traced.config.commands) {
+    if (command.words.size() != 2 || command.words.front() != "mode") continue;
+    cJSON_DeleteItemFromObjectCaseSensitive(reply.get(), "mode");
+    addText(reply.get(), "mode", command.words.back());
+  }
+  cJSON_AddBoolToObject(reply.get(), "link_open", now.link_open);
+  cJSON_AddStringToObject(reply.get(), "time", localTimeNow().c_str());
+  trace.add(request.client, traced.config.name, now.link_open);
   return reply;
 }
 

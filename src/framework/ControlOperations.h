@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Command.h"
+#include "ControlTrace.h"
 #include "ControlWatch.h"
 #include "House.h"
 #include "Mailbox.h"
@@ -52,7 +53,7 @@ class ControlOperations {
 
   // Throws std::runtime_error when the command line's address is taken.
   ControlOperations(const House& its_house, std::string its_version, ControlWatch& its_watch,
-                    const std::shared_ptr<Waker>& waker);
+                    ControlTrace& its_trace, const std::shared_ptr<Waker>& waker);
   ~ControlOperations();
   ControlOperations(const ControlOperations&) = delete;
   ControlOperations& operator=(const ControlOperations&) = delete;
@@ -99,6 +100,7 @@ class ControlOperations {
   Json status(const Request& request);
   Json watchMessages(const Request& request);
   Json logLevel(const Request& request);
+  Json traceLink(const Request& request);
   Json versionOnly(const Request& request);
 
   static const Operation& operation(const std::string& name);
@@ -118,6 +120,7 @@ class ControlOperations {
   const std::string version;
   const std::string no_memory;  // the answer for want of memory, made beforehand
   ControlWatch& watch;
+  ControlTrace& trace;
   const std::int64_t started;  // nanoseconds of Clock
   const std::shared_ptr<Mailbox> mailbox;
   Outbox outbox;

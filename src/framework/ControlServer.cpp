@@ -32,7 +32,14 @@ void logError(const char* what, const char* why) {
 }  // namespace
 
 ControlServer::ControlServer(const Settings& settings, const House& house)
-    : listener(settings.path), watch(waker), operations(house, settings.version, watch, waker) {}
+    : listener(settings.path),
+      watch(waker),
+      trace(waker,
+            [&house](const std::string& rovik, std::shared_ptr<LinkTap> tap) {
+              const auto traced = house.find(rovik);
+              if (traced != nullptr) traced->host().traffic.setTap(std::move(tap));
+            }),
+      operations(house, settings.version, watch, trace, waker) {}
 
 ControlServer::~ControlServer() { ControlServer::stop(); }
 
@@ -70,6 +77,7 @@ void ControlServer::turn() {
   operations.collect(
       [this](std::uint64_t client, const std::string& line) { answerLater(client, line); });
   handOutMessages();
+  handOutTraces();
   acceptAll();
   finish();
 }
@@ -96,7 +104,8 @@ void ControlServer::wait() {
   if (Clock::now() >= accept_again) addPoll(listener.descriptor(), POLLIN, kNoClient);
   pollConnections();
   waker->aboutToSleep();
-  const bool busy = stopping() || turn_wanted || operations.waiting() || watch.waiting();
+  const bool busy = stopping() || turn_wanted || operations.waiting() || watch.waiting() ||
+                    trace.waiting();
   const int ready = ::poll(polled.data(), polled.size(), busy ? 0 : timeLeft());
   const int error = errno;
   waker->awake(ready > 0 && polled.front().revents != 0);
@@ -173,6 +182,7 @@ void ControlServer::refuse(ControlConnection& connection, const std::string& why
 
 void ControlServer::drop(std::uint64_t client) {
   watch.remove(client);
+  trace.remove(client);
   operations.forget(client);
   connections.erase(client);
 }
@@ -212,7 +222,7 @@ bool ControlServer::performRequests(std::uint64_t client, ControlConnection& con
     if (!line) break;
     connection.greeted = true;
     const auto reply = operations.perform(client, *line);
-    connection.watching = watch.clients().contains(client);
+    noteWatching(client, connection);
     connection.busy = !reply;
     if (reply) connection.reply(*reply);
   }
@@ -240,6 +250,36 @@ void ControlServer::handOutMessages() {
         for (const auto& [client, filter] : watch.clients())
           connections.at(client).countDropped(lost);
       });
+}
+
+void ControlServer::noteWatching(std::uint64_t client, ControlConnection& connection) const {
+  connection.watching = watch.clients().contains(client) || trace.contains(client);
+}
+
+void ControlServer::handOutTraces() {
+  std::vector<std::pair<std::uint64_t, std::string>> over;
+  const auto line = [this](std::uint64_t client, const std::string& event, std::uint64_t bytes) {
+    connections.at(client).tell(event, bytes);
+  };
+  const auto lost = [this](std::uint64_t client, std::uint64_t events, std::uint64_t bytes) {
+    connections.at(client).countDropped(events, bytes);
+  };
+  const auto end = [&over](std::uint64_t client, const std::string& rovik) {
+    over.emplace_back(client, rovik);
+  };
+  trace.handOut({line, lost, end});
+  for (const auto& [client, rovik] : over) tellEnd(client, rovik);
+}
+
+// A client that cannot be told is let go, so that it waits no longer.
+void ControlServer::tellEnd(std::uint64_t client, const std::string& rovik) {
+  ControlConnection& connection = connections.at(client);
+  noteWatching(client, connection);
+  const bool told = guarded([&] {
+    connection.tellLast(ControlTrace::endLine(rovik));
+    return true;
+  });
+  if (!told) drop(client);
 }
 
 // Writes what is due, goes on with requests that had to wait for room, and lets go of clients that

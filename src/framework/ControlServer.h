@@ -13,6 +13,7 @@
 #include "ControlConnection.h"
 #include "ControlListener.h"
 #include "ControlOperations.h"
+#include "ControlTrace.h"
 #include "ControlWatch.h"
 #include "House.h"
 #include "Thread.h"
@@ -73,7 +74,10 @@ class ControlServer final : private Thread {
   void answerLater(std::uint64_t client, const std::string& line);
   template <typename Step>
   static bool guarded(Step step);
+  void noteWatching(std::uint64_t client, ControlConnection& connection) const;
   void handOutMessages();
+  void handOutTraces();
+  void tellEnd(std::uint64_t client, const std::string& rovik);
   void finish();
   void drop(std::uint64_t client);
 
@@ -81,6 +85,7 @@ class ControlServer final : private Thread {
   std::atomic<bool> turn_wanted{false};
   ControlListener listener;
   ControlWatch watch;
+  ControlTrace trace;
   ControlOperations operations;
 
   // The control thread's.

@@ -16,7 +16,8 @@ class LinkTap {
   LinkTap(const LinkTap&) = delete;
   LinkTap& operator=(const LinkTap&) = delete;
 
-  // `bytes` as they were read or written; none for Opened and Closed.
+  // `bytes` as they were read or written; none for Opened and Closed. These two tell how the link
+  // is after each pass of the rovik's loop, and so come again and again.
   virtual void see(Event event, std::string_view bytes) = 0;
 };
 

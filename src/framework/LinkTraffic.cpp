@@ -38,6 +38,10 @@ void LinkTraffic::unitsReceived(std::uint64_t count, std::string_view last) {
 
 void LinkTraffic::linkChanged(bool open) {
   link_changed.store(Clock::now(), std::memory_order_relaxed);
+  linkIs(open);
+}
+
+void LinkTraffic::linkIs(bool open) {
   show(open ? LinkTap::Event::Opened : LinkTap::Event::Closed, {});
 }
 

@@ -41,6 +41,8 @@ class LinkTraffic {
   void unitsReceived(std::uint64_t count, std::string_view last);
   void unitDropped() { add(dropped, 1); }
   void linkChanged(bool open);
+  // How the link is, for the tap: one that was opened and closed in one go has not changed.
+  void linkIs(bool open);
 
   // --- Any thread ---
 

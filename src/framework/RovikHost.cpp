@@ -215,7 +215,7 @@ void RovikHost::endCommands() {
 // The one place that tells a person, whatever the plug-in, that a link has come up or gone.
 void RovikHost::publishState() {
   const bool open = rovik.fd >= 0;
-  if (link_open.load(std::memory_order_relaxed) == open) return;
+  if (link_open.load(std::memory_order_relaxed) == open) return traffic.linkIs(open);
   traffic.linkChanged(open);
   link_open.store(open, std::memory_order_relaxed);
   Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "rovik %d %s: link %s\n",

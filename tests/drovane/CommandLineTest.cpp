@@ -33,7 +33,7 @@ TEST_P(EachSubcommand, RefusesAnUnknownOption) {
 
 INSTANTIATE_TEST_SUITE_P(CommandLine, EachSubcommand,
                          testing::Values("run", "check", "try", "cmd", "send", "get", "status",
-                                         "watch", "log-level"),
+                                         "watch", "trace", "replay", "log-level"),
                          [](const auto& each) {
                            std::string name = each.param;
                            std::replace(name.begin(), name.end(), '-', '_');
@@ -54,7 +54,12 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Arguments{}, Arguments{"fly"}, Arguments{"run"}, Arguments{"run", "a", "b"},
                     Arguments{"run", "a", "--log-level", "5"}, Arguments{"cmd"},
                     Arguments{"cmd", "boiler"}, Arguments{"send", "1_2_3", "int"},
-                    Arguments{"get", "1_2_3", "int"}, Arguments{"status", "boiler", "now"}));
+                    Arguments{"get", "1_2_3", "int"}, Arguments{"status", "boiler", "now"},
+                    Arguments{"trace"}, Arguments{"trace", "boiler", "now"},
+                    Arguments{"trace", "boiler", "--force"},
+                    Arguments{"replay", "a", "--port", "1", "--link", "b"}, Arguments{"replay"},
+                    Arguments{"replay", "a", "--port", "65536"},
+                    Arguments{"replay", "a", "--speed", "-1"}));
 
 TEST(CommandLine, NamesAnUnexpectedWord) {
   EXPECT_EQ(Program().ask({"run", "a", "b"}).errors,
@@ -76,7 +81,8 @@ INSTANTIATE_TEST_SUITE_P(CommandLine, WithoutAnybodyRunning,
                          testing::Values(Arguments{"cmd", "boiler", "open"},
                                          Arguments{"send", "1_2_3", "int", "4"},
                                          Arguments{"get", "1_2_3", "int", "--to", "boiler"},
-                                         Arguments{"status"}, Arguments{"watch"}));
+                                         Arguments{"status"}, Arguments{"watch"},
+                                         Arguments{"trace", "boiler"}));
 
 TEST(CommandLine, LooksForTheControlSocketInTheRuntimeFolder) {
   const TempFolder folder;

@@ -62,7 +62,8 @@ class ControlOperationsTest : public testing::Test {
   House house{config(), [](const std::string&) {}};
   const std::shared_ptr<drovane::Waker> waker = std::make_shared<drovane::Waker>();
   ControlWatch watch{waker};
-  ControlOperations operations{house, "1.2.3", watch, waker};
+  drovane::ControlTrace trace{waker, [](const std::string&, std::shared_ptr<drovane::LinkTap>) {}};
+  ControlOperations operations{house, "1.2.3", watch, trace, waker};
 };
 
 std::string refusal(const std::string& error) { return R"({"ok":false,"error":")" + error + "\"}"; }
