@@ -35,7 +35,7 @@ class Drovane {
   // text of at most `size` bytes; a longer path is cut.
   void getInstRoot(char* buf, int size) const;
 
-  // Set by the program before any rovik exists.
+  // Set by the program before the roviks that are to see it are started.
   void setInstRoot(const std::string& path);
 
   // True while a configuration is only being checked. A rovik then answers its commands as far

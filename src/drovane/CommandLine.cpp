@@ -156,7 +156,7 @@ void declareReplay(CLI::App& app, Options& options) {
 
 constexpr const char* kVersionLine = "drovane " DROVANE_VERSION;
 
-constexpr std::array<Subcommand, 11> kSubcommands = {{
+constexpr std::array<Subcommand, 12> kSubcommands = {{
     {"run", "Start the roviks of a configuration, until SIGINT or SIGTERM",
      "Example: drovane run house.conf --log-level 3", declareRun, run, false},
     {"check", "Read a configuration, load its plug-ins, try its commands; open nothing",
@@ -192,6 +192,8 @@ constexpr std::array<Subcommand, 11> kSubcommands = {{
      declareReplay, replay, false},
     {"log-level", "Show the log level, or set it until the end of the run",
      "Example: drovane log-level 4", declareLogLevel, logLevel, false},
+    {"reload", "Have the running drovane read its configuration anew; print what has changed",
+     "Example: drovane reload", declareControl, reload, false},
 }};
 
 const Subcommand* findSubcommand(const std::string& name) {

@@ -1,4 +1,4 @@
-// cmd, send, get, log-level: one request, one answer.
+// cmd, send, get, log-level, reload: one request, one answer.
 #include <iostream>
 
 #include "ControlClient.h"
@@ -9,13 +9,6 @@
 
 namespace drovane {
 namespace {
-
-cJSON* wordItem(const std::string& word) {
-  Json holder(cJSON_CreateObject());
-  addText(holder.get(), "word", word);
-  cJSON* plain = cJSON_DetachItemFromObjectCaseSensitive(holder.get(), "word");
-  return plain != nullptr ? plain : holder.release();
-}
 
 void print(const std::string& text) {
   const std::string shown = forOutput(text);
@@ -29,7 +22,8 @@ int cmd(const Options& options) {
   const Json request = newRequest("cmd");
   addText(request.get(), "rovik", options.rovik);
   cJSON* words = cJSON_AddArrayToObject(request.get(), "words");
-  for (const std::string& word : options.words) cJSON_AddItemToArray(words, wordItem(word));
+  for (const std::string& word : options.words)
+    cJSON_AddItemToArray(words, textItem("word", word).release());
 
   std::string text;
   readText(client.request(request).get(), "reply", text);
@@ -72,6 +66,22 @@ int logLevel(const Options& options) {
   if (!options.level.empty()) addText(request.get(), "level", options.level);
   const Json reply = client.request(request);
   print(statusCount(reply.get(), "level"));
+  return kDone;
+}
+
+// What a start reports of single roviks does not make it a failure either.
+int reload(const Options& options) {
+  ControlClient client(ControlClient::choosePath(options.control));
+  const Json reply = client.request(newRequest("reload"));
+  const cJSON* finding = nullptr;
+  cJSON_ArrayForEach(finding, cJSON_GetObjectItemCaseSensitive(reply.get(), "findings")) {
+    std::string text;
+    readTextItem(finding, "finding", text);
+    std::cerr << printable(text) + '\n';
+  }
+  std::string summary;
+  readText(reply.get(), "summary", summary);
+  print(summary);
   return kDone;
 }
 

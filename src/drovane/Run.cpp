@@ -18,6 +18,7 @@
 #include "Drovane.h"
 #include "Journal.h"
 #include "Phase.h"
+#include "Reload.h"
 #include "RovikUtil.h"
 #include "Signals.h"
 #include "Subcommands.h"
@@ -77,15 +78,17 @@ void ignoreFailingWrites() {
 // One run of a house, from its making to its end.
 class Running {
  public:
-  Running(const Options& its_options, ConfigFile config)
+  Running(const Options& its_options, ConfigFile config, const HouseSettings& settings)
       : options(its_options),
-        house(std::move(config), [this](const std::string& finding) { report(finding); }) {}
+        house(std::move(config), [this](const std::string& finding) { report(finding); }),
+        reload(options, settings, house, loader,
+               [this](const std::string& finding) { report(finding); }) {}
 
   int run() {
-    PluginLoader loader(PluginLoader::standardFolders(options.plugins));
     if (!house.make(loader)) return kUsage;
     control.emplace(
-        ControlServer::Settings{ControlClient::choosePath(options.control), DROVANE_VERSION},
+        ControlServer::Settings{ControlClient::choosePath(options.control), DROVANE_VERSION,
+                                [this](ReloadDone done) { reload.request(std::move(done)); }},
         house);
     const int error = control->start();
     if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_create");
@@ -110,15 +113,20 @@ class Running {
     if (!started) return kUsage;
     log(LOG_LEVEL_INFO, options.file + ": " + house.countText());
     caretaker->ready();
+    reload.open({[this] { caretaker->reloading(); }, [this] { caretaker->ready(); }});
     wait(kNothingElse);
     return kDone;
   }
 
-  // As Signals::wait, without a deadline; the house is looked after meanwhile.
+  // Comes back with anything but a hang-up, which asks for a reload; the house is looked after
+  // meanwhile.
   Signals::Event wait(int done) {
     while (true) {
       const Signals::Event event = signals.wait(done, caretaker->turn());
-      if (event != Signals::Event::Deadline) return event;
+      if (event == Signals::Event::HangUp)
+        reload.request();
+      else if (event != Signals::Event::Deadline)
+        return event;
     }
   }
 
@@ -129,11 +137,16 @@ class Running {
     control.reset();
     stopping.begin();
     Signals::Event event = Signals::Event::Terminate;
-    while (event == Signals::Event::Terminate)
+    while (event == Signals::Event::Terminate || event == Signals::Event::HangUp)
       event = signals.wait(stopping.descriptor(), deadline);
     if (event == Signals::Event::Interrupt) ::_exit(kInterrupted);
     if (event == Signals::Event::Deadline) leaveStuck(status);
     closeLog(status);
+  }
+
+  void endHouse() {
+    house.stop();
+    reload.stop();
   }
 
   // Nobody can end a thread that does not come back; what it uses stays as it is.
@@ -150,16 +163,20 @@ class Running {
 
   // Whoever reads the log may have stopped reading.
   void closeLog(int status) {
+    const std::int64_t deadline = after(kLogBound);
     closing.begin();
-    if (signals.wait(closing.descriptor(), after(kLogBound)) != Signals::Event::Done)
-      std::_Exit(status);
+    Signals::Event event = Signals::Event::HangUp;
+    while (event == Signals::Event::HangUp) event = signals.wait(closing.descriptor(), deadline);
+    if (event != Signals::Event::Done) std::_Exit(status);
   }
 
   const Options& options;
   const Signals signals;
   House house;
+  PluginLoader loader{PluginLoader::standardFolders(options.plugins)};
+  Reload reload;
   // Threads and descriptors that the end needs: by then there may be none.
-  Phase stopping{"drovane-stop", [this] { house.stop(); }, Phase::Begin::WhenTold};
+  Phase stopping{"drovane-stop", [this] { endHouse(); }, Phase::Begin::WhenTold};
   Phase closing{"drovane-log", [] { Log::global().close(); }, Phase::Begin::WhenTold};
   std::optional<ControlServer> control;
   std::optional<Caretaker> caretaker;
@@ -174,10 +191,10 @@ int run(const Options& options) {
   ignoreFailingWrites();
   try {
     ConfigFile config = ConfigFile::read(options.file);
-    Drovane::global.setLogLevel(options.log_level != 0 ? options.log_level
-                                                       : config.log_level.value_or(LOG_LEVEL_INFO));
-    Drovane::global.setInstRoot(options.root.empty() ? config.rootFolder() : options.root);
-    const std::unique_ptr<Running> running = std::make_unique<Running>(options, std::move(config));
+    const HouseSettings settings = HouseSettings::of(options, config);
+    settings.apply();
+    const std::unique_ptr<Running> running =
+        std::make_unique<Running>(options, std::move(config), settings);
     openLog(options);
     return running->run();
   } catch (const ConfigError& error) {

@@ -26,11 +26,21 @@ void leaveOnSignals() {
   for (const int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
 }
 
+namespace {
+
+Signals::Event eventOf(std::uint32_t signal) {
+  if (signal == SIGINT) return Signals::Event::Interrupt;
+  return signal == SIGHUP ? Signals::Event::HangUp : Signals::Event::Terminate;
+}
+
+}  // namespace
+
 Signals::Signals() {
   sigset_t taken;
   sigemptyset(&taken);
   sigaddset(&taken, SIGINT);
   sigaddset(&taken, SIGTERM);
+  sigaddset(&taken, SIGHUP);
   const int error = pthread_sigmask(SIG_BLOCK, &taken, nullptr);
   if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_sigmask");
   descriptor = moveAboveLinks(Descriptor(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK)));
@@ -48,8 +58,7 @@ Signals::Event Signals::wait(int done, std::int64_t deadline) const {
     if (ready < 0 && errno != EINTR)
       throw std::system_error(errno, std::generic_category(), "poll");
     signalfd_siginfo info{};
-    if (::read(descriptor.get(), &info, sizeof info) == sizeof info)
-      return info.ssi_signo == SIGINT ? Event::Interrupt : Event::Terminate;
+    if (::read(descriptor.get(), &info, sizeof info) == sizeof info) return eventOf(info.ssi_signo);
     if (watched[1].revents != 0) return Event::Done;
     if (deadline >= 0 && Clock::now() >= deadline) return Event::Deadline;
   }

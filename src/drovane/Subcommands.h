@@ -14,6 +14,7 @@ int replay(const Options& options);
 int cmd(const Options& options);
 int send(const Options& options);
 int get(const Options& options);
+int reload(const Options& options);
 int status(const Options& options);
 int watch(const Options& options);
 int logLevel(const Options& options);

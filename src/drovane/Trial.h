@@ -44,7 +44,7 @@ class Trial {
   const RovikNames& names() const { return rovik_names; }
 
  private:
-  const House::Member& member() const { return house.all().front(); }
+  const House::Member& member() const { return *house.all().begin(); }
   bool openLink();
   bool settle();
   void drain(Outcome& into);

@@ -70,6 +70,16 @@ void addTraffic(const Json& row, const LinkTraffic::Figures& figures) {
   addCount(row, "units_dropped", figures.dropped);
 }
 
+std::string reloadLine(const House::Reloaded& outcome) {
+  if (!outcome.done) return errorReply(outcome.text);
+  const Json reply = okReply();
+  addText(reply.get(), "summary", outcome.text);
+  cJSON* const list = cJSON_AddArrayToObject(reply.get(), "findings");
+  for (const std::string& finding : outcome.findings)
+    cJSON_AddItemToArray(list, textItem("finding", finding).release());
+  return jsonLine(reply.get());
+}
+
 }  // namespace
 
 // In the order in which an error names them.
@@ -81,6 +91,7 @@ const ControlOperations::Operation ControlOperations::kOperations[] = {
     {"watch", &ControlOperations::watchMessages},
     {"log-level", &ControlOperations::logLevel},
     {"trace", &ControlOperations::traceLink},
+    {"reload", &ControlOperations::reload},
     {"version", &ControlOperations::versionOnly},
 };
 
@@ -109,12 +120,13 @@ bool CommandResults::empty() const {
 
 ControlOperations::ControlOperations(const House& its_house, std::string its_version,
                                      ControlWatch& its_watch, ControlTrace& its_trace,
-                                     const std::shared_ptr<Waker>& waker)
+                                     const std::shared_ptr<Waker>& waker, ReloadRequest its_reload)
     : house(its_house),
       version(std::move(its_version)),
       no_memory(errorReply("there is no memory for an answer; expected another try later")),
       watch(its_watch),
       trace(its_trace),
+      request_reload(std::move(its_reload)),
       started(Clock::now()),
       mailbox(std::make_shared<Mailbox>(kCommandLineId, kCommandLineName, waker)),
       outbox(mailbox),
@@ -154,47 +166,53 @@ std::optional<std::string> ControlOperations::perform(std::uint64_t client,
   }
 }
 
-const House::Member& ControlOperations::member(const std::string& rovik) const {
-  const House::Member* found = house.find(rovik);
+House::Found ControlOperations::member(const std::string& rovik) const {
+  House::Found found = house.find(rovik);
   if (found == nullptr) {
     throw RequestError("there is no rovik " + quotedValue(rovik) +
                        "; expected a name or an id that 'drovane status' shows");
   }
-  return *found;
+  return found;
 }
 
-ControlOperations::Pending& ControlOperations::addPending(std::uint64_t client,
-                                                          const House::Member& receiver) {
-  const std::int64_t patience = std::chrono::nanoseconds(RovikHost::kPatience).count();
+// Waits for ever.
+ControlOperations::Pending& ControlOperations::addPending(std::uint64_t client) {
   Pending added;
   added.client = client;
-  added.deadline = Clock::now() + patience;
-  added.rovik = receiver.label();
+  added.deadline = kNever;
   ++last_ticket;
   return pending.emplace(last_ticket, std::move(added)).first->second;
 }
 
+ControlOperations::Pending& ControlOperations::addPending(std::uint64_t client,
+                                                          const House::Member& receiver) {
+  Pending& added = addPending(client);
+  added.deadline = Clock::now() + std::chrono::nanoseconds(RovikHost::kPatience).count();
+  added.rovik = receiver.label();
+  return added;
+}
+
 Json ControlOperations::command(const Request& request) {
-  const House::Member& receiver =
+  const House::Found receiver =
       member(requiredText(request.fields, "rovik", "a rovik's name or id"));
   std::vector<std::string> words = requiredWords(request.fields);
   auto wanted = std::make_shared<Command>(
       std::move(words), [place = CommandResults::placeFor(last_ticket + 1), queue = results](
                             CommandResult result) { queue->put(*place, std::move(result)); });
-  Pending& waiting = addPending(request.client, receiver);
+  Pending& waiting = addPending(request.client, *receiver);
   waiting.command = std::move(wanted);
-  if (receiver.host().post(waiting.command)) return nullptr;
+  if (receiver->host().post(waiting.command)) return nullptr;
   pending.erase(last_ticket);
-  if (receiver.state == House::Member::State::Configuring)
-    throw RequestError("rovik " + receiver.label() +
+  if (receiver->state == House::Member::State::Configuring)
+    throw RequestError("rovik " + receiver->label() +
                        " is starting: it has not come to the end of its configuration yet");
-  throw RequestError("rovik " + receiver.label() + " does not run; expected it to be started");
+  throw RequestError("rovik " + receiver->label() + " does not run; expected it to be started");
 }
 
 Json ControlOperations::send(const Request& request) {
   const RecordOwner msg = messageFrom(request.fields);
   const auto to = optionalText(request.fields, "to");
-  if (to && *to != "BC") msg->dst = static_cast<std::uint32_t>(member(*to).config.id);
+  if (to && *to != "BC") msg->dst = static_cast<std::uint32_t>(member(*to)->config.id);
   const int receivers = outbox.sendNow(*msg);
   if (receivers < 0) throw RequestError("the message could not be delivered");
   Json reply = okReply();
@@ -204,13 +222,12 @@ Json ControlOperations::send(const Request& request) {
 
 Json ControlOperations::get(const Request& request) {
   const RecordOwner msg = dataRequestFrom(request.fields);
-  const House::Member& receiver =
-      member(requiredText(request.fields, "to", "a rovik's name or id"));
-  msg->dst = static_cast<std::uint32_t>(receiver.config.id);
+  const House::Found receiver = member(requiredText(request.fields, "to", "a rovik's name or id"));
+  msg->dst = static_cast<std::uint32_t>(receiver->config.id);
   msg->seqnr = Router::global().nextSeqnr();
   if (outbox.sendNow(*msg) <= 0)
-    throw RequestError("the request could not be delivered to rovik " + receiver.label());
-  addPending(request.client, receiver).seqnr = msg->seqnr;
+    throw RequestError("the request could not be delivered to rovik " + receiver->label());
+  addPending(request.client, *receiver).seqnr = msg->seqnr;
   return nullptr;
 }
 
@@ -247,24 +264,25 @@ Json ControlOperations::memberStatus(const House::Member& of) const {
 
 Json ControlOperations::status(const Request& request) {
   const auto only = optionalText(request.fields, "rovik");
-  const House::Member* const one = only ? &member(*only) : nullptr;
+  std::optional<House::Found> one;
+  if (only) one.emplace(member(*only));
   Json reply = okReply();
   cJSON_AddStringToObject(reply.get(), "version", version.c_str());
   cJSON_AddNumberToObject(reply.get(), "pid", ::getpid());
   addCount(reply, "uptime",
            static_cast<std::uint64_t>((Clock::now() - started) / Clock::kNanosecondsPerSecond));
-  addText(reply.get(), "config", house.configuration().path);
+  addText(reply.get(), "config", house.path());
   addCount(reply, "undeliverable", Router::global().undeliverable());
   cJSON* const rows = cJSON_AddArrayToObject(reply.get(), "roviks");
   for (const House::Member& each : house.all())
-    if (one == nullptr || one == &each) cJSON_AddItemToArray(rows, memberStatus(each).release());
+    if (!one || &**one == &each) cJSON_AddItemToArray(rows, memberStatus(each).release());
   return reply;
 }
 
 WatchFilter::Address ControlOperations::watched(const std::string& rovik) const {
   if (rovik == kCommandLineName) return {kCommandLineId, rovik};
-  const House::Member& found = member(rovik);
-  return {static_cast<std::uint32_t>(found.config.id), found.config.name};
+  const House::Found found = member(rovik);
+  return {static_cast<std::uint32_t>(found->config.id), found->config.name};
 }
 
 Json ControlOperations::watchMessages(const Request& request) {
@@ -295,20 +313,37 @@ Json ControlOperations::logLevel(const Request& request) {
 
 // The mode is that of the configuration; a plug-in that knows no such word has none.
 Json ControlOperations::traceLink(const Request& request) {
-  const House::Member& traced =
-      member(requiredText(request.fields, "rovik", "a rovik's name or id"));
-  const RovikStatus now = traced.host().status();
+  const House::Found traced = member(requiredText(request.fields, "rovik", "a rovik's name or id"));
+  const RovikStatus now = traced->host().status();
   Json reply = okReply();
-  cJSON_AddStringToObject(reply.get(), "rovik", traced.config.name.c_str());
-  for (const ConfigCommand& command : traced.config.commands) {
+  cJSON_AddStringToObject(reply.get(), "rovik", traced->config.name.c_str());
+  for (const ConfigCommand& command : traced->config.commands) {
     if (command.words.size() != 2 || command.words.front() != "mode") continue;
     cJSON_DeleteItemFromObjectCaseSensitive(reply.get(), "mode");
     addText(reply.get(), "mode", command.words.back());
   }
   cJSON_AddBoolToObject(reply.get(), "link_open", now.link_open);
   cJSON_AddStringToObject(reply.get(), "time", localTimeNow().c_str());
-  trace.add(request.client, traced.config.name, now.link_open);
+  trace.add(request.client, traced->config.name, now.link_open);
   return reply;
+}
+
+// Whoever has read the file anew makes the line, so that the findings go no further.
+Json ControlOperations::reload(const Request& request) {
+  if (!request_reload)
+    throw RequestError("this drovane has no configuration file that could be read anew");
+  addPending(request.client).whole = true;
+  request_reload([place = CommandResults::placeFor(last_ticket),
+                  queue = results](const House::Reloaded& outcome) {
+    CommandResult line{true, ""};
+    try {
+      line.text = reloadLine(outcome);
+    } catch (const std::bad_alloc&) {
+      // The control thread has an answer for want of memory.
+    }
+    queue->put(*place, std::move(line));
+  });
+  return nullptr;
 }
 
 Json ControlOperations::versionOnly(const Request&) {
@@ -341,7 +376,9 @@ void ControlOperations::collectResults(const Answer& answer) {
   }
 }
 
-std::string ControlOperations::resultLine(const Pending& waiting, const CommandResult& result) {
+std::string ControlOperations::resultLine(const Pending& waiting,
+                                          const CommandResult& result) const {
+  if (waiting.whole) return result.text.empty() ? no_memory : result.text;
   if (!result.answered) return errorReply("rovik " + waiting.rovik + ": " + result.text);
   const Json reply = okReply();
   addText(reply.get(), "reply", result.text);

@@ -46,6 +46,11 @@ class CommandResults {
   std::list<Entry> entries DROVANE_GUARDED_BY(lock);
 };
 
+// Asks for the configuration to be read anew. Called on the control thread, and does not wait;
+// `done` is called once, later, on any thread.
+using ReloadDone = std::function<void(const House::Reloaded& outcome)>;
+using ReloadRequest = std::function<void(ReloadDone done)>;
+
 // Belongs to the control thread. Is the router's address of the command line.
 class ControlOperations {
  public:
@@ -53,7 +58,8 @@ class ControlOperations {
 
   // Throws std::runtime_error when the command line's address is taken.
   ControlOperations(const House& its_house, std::string its_version, ControlWatch& its_watch,
-                    ControlTrace& its_trace, const std::shared_ptr<Waker>& waker);
+                    ControlTrace& its_trace, const std::shared_ptr<Waker>& waker,
+                    ReloadRequest its_reload = nullptr);
   ~ControlOperations();
   ControlOperations(const ControlOperations&) = delete;
   ControlOperations& operator=(const ControlOperations&) = delete;
@@ -92,6 +98,7 @@ class ControlOperations {
     std::string rovik;                 // its label
     std::uint32_t seqnr = 0;           // of a data request; 0 for a command
     std::shared_ptr<Command> command;  // null for a data request
+    bool whole = false;                // the result is the reply's line already
   };
 
   Json command(const Request& request);
@@ -101,14 +108,16 @@ class ControlOperations {
   Json watchMessages(const Request& request);
   Json logLevel(const Request& request);
   Json traceLink(const Request& request);
+  Json reload(const Request& request);
   Json versionOnly(const Request& request);
 
   static const Operation& operation(const std::string& name);
-  const House::Member& member(const std::string& rovik) const;
+  House::Found member(const std::string& rovik) const;
   WatchFilter::Address watched(const std::string& rovik) const;
   Json memberStatus(const House::Member& of) const;
+  Pending& addPending(std::uint64_t client);
   Pending& addPending(std::uint64_t client, const House::Member& receiver);
-  static std::string resultLine(const Pending& waiting, const CommandResult& result);
+  std::string resultLine(const Pending& waiting, const CommandResult& result) const;
   template <typename MakeLine>
   void answerWith(std::uint64_t client, const Answer& answer, MakeLine makeLine) const;
   void collectResults(const Answer& answer);
@@ -121,6 +130,7 @@ class ControlOperations {
   const std::string no_memory;  // the answer for want of memory, made beforehand
   ControlWatch& watch;
   ControlTrace& trace;
+  const ReloadRequest request_reload;
   const std::int64_t started;  // nanoseconds of Clock
   const std::shared_ptr<Mailbox> mailbox;
   Outbox outbox;

@@ -69,9 +69,7 @@ std::vector<std::string> requiredWords(const cJSON* request) {
     throw RequestError(std::string("'words' is missing or no list; expected ") + kWordsForm);
   for (const cJSON* item = list->child; item != nullptr; item = item->next) {
     std::string word;
-    if (cJSON_IsString(item))
-      word = item->valuestring;
-    else if (!readText(item, "word", word))
+    if (!readTextItem(item, "word", word))
       throw RequestError(std::string("a word is no text; expected ") + kWordsForm);
     words.push_back(std::move(word));
   }

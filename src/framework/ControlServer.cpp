@@ -39,7 +39,7 @@ ControlServer::ControlServer(const Settings& settings, const House& house)
               const auto traced = house.find(rovik);
               if (traced != nullptr) traced->host().traffic.setTap(std::move(tap));
             }),
-      operations(house, settings.version, watch, trace, waker) {}
+      operations(house, settings.version, watch, trace, waker, settings.reload) {}
 
 ControlServer::~ControlServer() { ControlServer::stop(); }
 
@@ -104,8 +104,8 @@ void ControlServer::wait() {
   if (Clock::now() >= accept_again) addPoll(listener.descriptor(), POLLIN, kNoClient);
   pollConnections();
   waker->aboutToSleep();
-  const bool busy = stopping() || turn_wanted || operations.waiting() || watch.waiting() ||
-                    trace.waiting();
+  const bool busy =
+      stopping() || turn_wanted || operations.waiting() || watch.waiting() || trace.waiting();
   const int ready = ::poll(polled.data(), polled.size(), busy ? 0 : timeLeft());
   const int error = errno;
   waker->awake(ready > 0 && polled.front().revents != 0);

@@ -33,6 +33,7 @@ class ControlServer final : private Thread {
   struct Settings {
     std::string path;
     std::string version;
+    ReloadRequest reload = nullptr;  // without it nobody can ask for a reload
   };
 
   // Listens; connections wait until start. The house must be made, and must outlive the server's

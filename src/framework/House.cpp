@@ -1,6 +1,7 @@
 #include "House.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <exception>
@@ -39,36 +40,48 @@ std::string shown(const std::vector<std::string>& words) {
 std::string House::Member::label() const { return std::to_string(config.id) + ' ' + config.name; }
 
 House::House(ConfigFile its_config, Report its_report)
-    : config(std::move(its_config)), report_to(std::move(its_report)) {
-  for (const ConfigRovik& rovik : config.roviks) members.emplace_back(rovik);
+    : config_path(std::move(its_config.path)), report_to(std::move(its_report)) {
+  for (ConfigRovik& rovik : its_config.roviks) members.emplace_back(std::move(rovik));
+  stopping.reserve(members.size());
 }
 
 House::~House() = default;
 
-bool House::report(int line, const std::string& problem) const {
-  report_to(ConfigError(config.path, line, problem).what());
+bool House::report(int line, const std::string& problem) {
+  tell(ConfigError(config_path, line, problem).what());
   return false;
+}
+
+void House::tell(const std::string& finding) {
+  report_to(finding);
+  const std::lock_guard guard(findings_lock);
+  if (findings != nullptr) findings->push_back(finding);
 }
 
 // Every rovik is tried, so that a check names all that cannot be made.
 bool House::make(PluginLoader& loader) {
   bool all_made = true;
-  for (Member& member : members) all_made = makeOne(member, loader) && all_made;
+  for (Member& member : members) all_made = makeOne(member, loader) && enter(member) && all_made;
   return all_made;
 }
 
 bool House::makeOne(Member& member, PluginLoader& loader) {
-  const ConfigRovik& wanted = member.config;
+  const ConfigRovik& block = member.config;
   try {
-    PluginLoader::Made made = loader.make(wanted.plug_in, wanted.id, wanted.name);
+    PluginLoader::Made made = loader.make(block.plug_in, block.id, block.name);
     member.rovik = std::move(made.rovik);
     member.file = std::move(made.file);
+    return true;
   } catch (const PluginError& error) {
-    return report(wanted.line, error.what());
+    return report(block.line, error.what());
   }
+}
+
+bool House::enter(Member& member) {
+  const ConfigRovik& block = member.config;
   if (!member.host().enterRouter())
-    return report(wanted.line, "id or name of rovik " + member.label() + " is already in use");
-  say("rovik " + member.label() + ": plug-in " + wanted.plug_in + " from " + member.file);
+    return report(block.line, "id or name of rovik " + member.label() + " is already in use");
+  say("rovik " + member.label() + ": plug-in " + block.plug_in + " from " + member.file);
   return true;
 }
 
@@ -82,7 +95,7 @@ bool House::configure() {
 bool House::runCommands(Member& member, bool strict) {
   bool clean = true;
   for (const ConfigCommand& command : member.config.commands) {
-    if (cancelled) return clean;
+    if (!wanted(member)) return clean;
     clean = runCommand(member, command) && clean;
     if (strict && !clean) return false;
   }
@@ -105,14 +118,15 @@ bool House::runCommand(Member& member, const ConfigCommand& command) {
 }
 
 bool House::start(bool strict) {
-  for (Member& member : members) {
-    launch(member, strict);
+  const std::vector<Member*> all = everyone();
+  for (Member* member : all) {
+    launch(*member, strict);
     std::unique_lock guard(lock);
     configured.wait_for(guard, kOvertaking,
-                        [&] { return refused || member.state != State::Configuring; });
+                        [&] { return refused || member->state != State::Configuring; });
     if (refused) return false;
   }
-  for (const Member& member : members) awaitConfigured(member);
+  for (const Member* member : all) awaitConfigured(*member);
   return !refused;
 }
 
@@ -123,18 +137,25 @@ void House::awaitConfigured(const Member& member) {
 
 void House::launch(Member& member, bool strict) {
   State expected = State::Idle;
-  if (cancelled || !member.state.compare_exchange_strong(expected, State::Configuring)) return;
-  int error = 0;
-  {
-    // The thread settles no earlier than it is known to its rovik: stop would delete that before.
-    const std::lock_guard guard(lock);
-    error = member.host().start([this, &member, strict] { return configureHere(member, strict); });
-  }
+  if (!wanted(member) || !member.state.compare_exchange_strong(expected, State::Configuring))
+    return;
+  const int error = startThread(member, strict);
   if (error == 0) return;
-  report(member.config.line, "the thread of rovik " + member.label() +
-                                 " could not be started: " + std::strerror(error));
   if (strict) refused = true;
   settle(member, State::Idle);
+  report(member.config.line, "the thread of rovik " + member.label() +
+                                 " could not be started: " + std::strerror(error));
+}
+
+// 0 or an error number.
+int House::startThread(Member& member, bool strict) {
+  // The thread settles no earlier than it is known to its rovik: stop would delete that before.
+  const std::lock_guard guard(lock);
+  try {
+    return member.host().start([this, &member, strict] { return configureHere(member, strict); });
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
 }
 
 // Whatever the framework itself needs for it may be missing; start waits for the rovik in any case.
@@ -153,7 +174,7 @@ bool House::runCommandsHere(Member& member, bool strict) {
 bool House::configureHere(Member& member, bool strict) {
   const bool clean = runCommandsHere(member, strict);
   if (strict && !clean) refused = true;
-  const bool runs = !cancelled && (clean || !strict);
+  const bool runs = wanted(member) && (clean || !strict);
   if (runs) {
     member.host().acceptCommands();  // first: whoever reads that it has started may give it one
     Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "rovik %d %s: started\n",
@@ -169,33 +190,51 @@ void House::settle(Member& member, State state) {
   configured.notify_all();
 }
 
+std::vector<House::Member*> House::everyone() {
+  const std::lock_guard guard(list_lock);
+  std::vector<Member*> all;
+  for (Member& member : members) all.push_back(&member);
+  return all;
+}
+
 void House::stop() {
-  cancelled = true;
+  {
+    const std::lock_guard guard(list_lock);  // from here on a reload adds no member
+    cancelled = true;
+    stopping.clear();
+    for (Member& member : members) stopping.push_back(&member);
+  }
   const std::int64_t patience = Clock::now() + std::chrono::nanoseconds(kFarewellPatience).count();
   // No rovik tells when its loop has ended: looking every few milliseconds is enough here.
-  for (std::size_t ended = 0; ended < members.size(); std::this_thread::sleep_for(kLook)) {
-    const bool late = Clock::now() > patience;
-    const auto idle = static_cast<std::size_t>(
-        std::count_if(members.begin(), members.end(),
-                      [](const Member& member) { return member.state == State::Idle; }));
-    const bool others_ended = ended + idle == members.size();
-    ended = 0;
-    for (Member& member : members) ended += advanced(member, late, others_ended) ? 1 : 0;
-  }
+  while (!allEnded(stopping, Clock::now() > patience)) std::this_thread::sleep_for(kLook);
+  const std::lock_guard reload_is_over(changing);
+}
+
+// Takes one step for each. True when all have ended.
+bool House::allEnded(const std::vector<Member*>& leaving, bool late) {
+  const bool others_ended = std::all_of(leaving.begin(), leaving.end(), [](const Member* member) {
+    return member->state == State::Idle || member->state == State::Ended;
+  });
+  std::size_t ended = 0;
+  for (Member* member : leaving) ended += advanced(*member, late, others_ended) ? 1 : 0;
+  return ended == leaving.size();
 }
 
 // For want of memory a step is tried again, and a rovik that is late goes without its farewell.
 bool House::advanced(Member& member, bool late, bool others_ended) {
+  // A stop during a reload: the other one is at it.
+  const std::unique_lock turn(member.turn, std::try_to_lock);
+  if (!turn) return false;
   try {
-    return advance(member, late, others_ended);
+    advance(member, late, others_ended);
   } catch (const std::bad_alloc&) {
     if (late && member.state == State::Running) askToEnd(member);
-    return false;
   }
+  return member.state == State::Ended;
 }
 
-// One step towards the end of one rovik, without waiting for it. True when it has ended.
-bool House::advance(Member& member, bool late, bool others_ended) {
+// One step towards the end of one rovik, without waiting for it.
+void House::advance(Member& member, bool late, bool others_ended) {
   switch (member.state) {
     case State::Idle:
       // Its last commands run on this thread, so it comes after those that have their own.
@@ -215,10 +254,9 @@ bool House::advance(Member& member, bool late, bool others_ended) {
       endWhenStopped(member);
       break;
     case State::Ended:
-      return true;
+      return;
   }
   if (late && member.rovik) member.host().interrupt();
-  return member.state == State::Ended;
 }
 
 void House::takeLeave(Member& member) {
@@ -252,34 +290,51 @@ void House::runLastCommands(Member& member) {
 }
 
 void House::end(Member& member) {
-  if (member.rovik) {
+  const bool made = member.rovik != nullptr;
+  if (made) {
     member.rovik->stop();
     runLastCommands(member);
     member.farewell.reset();
-    member.rovik.reset();
+  }
+  takeOut(member);
+  member.rovik.reset();
+  member.state = State::Ended;
+  if (made)
     Drovane::global.log(LOG_LEVEL_INFO, kFrameworkId, kFrameworkName, "rovik %d %s: stopped\n",
                         member.config.id, member.config.name.c_str());
-  }
-  member.state = State::Ended;
+}
+
+// Behind this nobody else reaches the rovik.
+void House::takeOut(const Member& member) {
+  const std::lock_guard guard(list_lock);
+  const auto found = std::find_if(members.begin(), members.end(),
+                                  [&](const Member& listed) { return &listed == &member; });
+  departed.splice(departed.end(), members, found);
 }
 
 std::vector<std::string> House::unended() const {
+  const std::lock_guard guard(list_lock);
   std::vector<std::string> labels;
-  for (const Member& member : members) {
-    const State state = member.state;
-    if (state != State::Idle && state != State::Ended) labels.push_back(member.label());
+  for (const std::list<Member>* list : {&departed, &members}) {
+    for (const Member& member : *list) {
+      const State state = member.state;
+      if (state != State::Idle && state != State::Ended) labels.push_back(member.label());
+    }
   }
   return labels;
 }
 
-const House::Member* House::find(std::string_view rovik) const {
+House::Found House::find(std::string_view rovik) const {
+  const std::lock_guard guard(list_lock);
   const auto found = std::find_if(members.begin(), members.end(), [&](const Member& member) {
-    return member.config.name == rovik || std::to_string(member.config.id) == rovik;
+    return member.rovik != nullptr &&
+           (member.config.name == rovik || std::to_string(member.config.id) == rovik);
   });
-  return found != members.end() ? &*found : nullptr;
+  return {list_lock, found != members.end() ? &*found : nullptr};
 }
 
 std::string House::countText() const {
+  const std::lock_guard guard(list_lock);
   return std::to_string(members.size()) + (members.size() == 1 ? " rovik" : " roviks");
 }
 

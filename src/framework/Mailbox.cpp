@@ -127,6 +127,11 @@ void Mailbox::close() {
   waker->wake();
 }
 
+bool Mailbox::isClosed() const {
+  MutexLock guard(lock);
+  return closed;
+}
+
 bool Mailbox::empty() const {
   MutexLock guard(lock);
   return queue.empty();

@@ -56,6 +56,7 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
 
   // No more messages: what waits is released, a waiting request ends without an answer.
   void close();
+  bool isClosed() const;
 
   std::uint64_t received() const { return received_count.load(std::memory_order_relaxed); }
   std::uint64_t dropped() const { return dropped_count.load(std::memory_order_relaxed); }

@@ -225,6 +225,19 @@ bool readText(const cJSON* object, const char* field, std::string& text) {
   return bytes.has_value();
 }
 
+Json textItem(const char* field, std::string_view text) {
+  Json holder(cJSON_CreateObject());
+  addText(holder.get(), field, text);
+  Json plain(cJSON_DetachItemFromObjectCaseSensitive(holder.get(), field));
+  return plain ? std::move(plain) : std::move(holder);
+}
+
+bool readTextItem(const cJSON* item, const char* field, std::string& text) {
+  if (!cJSON_IsString(item)) return readText(item, field, text);
+  text = item->valuestring;
+  return true;
+}
+
 }  // namespace drovane
 
 RovikMessage* RovikMessage::create(char* text) {

@@ -26,4 +26,8 @@ void addText(cJSON* object, const char* field, std::string_view text);
 // wrong.
 bool readText(const cJSON* object, const char* field, std::string& text);
 
+// The same for a text in a list: a plain string, or an object with `field`_hex.
+Json textItem(const char* field, std::string_view text);
+bool readTextItem(const cJSON* item, const char* field, std::string& text);
+
 }  // namespace drovane

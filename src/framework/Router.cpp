@@ -33,12 +33,17 @@ Router& Router::global() {
   return router;
 }
 
+// A closed one is there because remove had no memory.
 bool Router::add(const std::shared_ptr<Mailbox>& mailbox) {
   MutexLock guard(lock);
-  const bool taken = current->byId(static_cast<std::uint32_t>(mailbox->id)) != nullptr ||
-                     current->byName(mailbox->name) != nullptr;
-  if (taken) return false;
+  const Mailbox* const holders[] = {current->byId(static_cast<std::uint32_t>(mailbox->id)),
+                                    current->byName(mailbox->name)};
   auto mailboxes = current->all();
+  for (const Mailbox* holder : holders) {
+    if (holder == nullptr) continue;
+    if (!holder->isClosed()) return false;
+    std::erase_if(mailboxes, [&](const auto& entry) { return entry.get() == holder; });
+  }
   mailboxes.push_back(mailbox);
   publish(std::move(mailboxes));
   return true;

@@ -33,7 +33,7 @@ TEST_P(EachSubcommand, RefusesAnUnknownOption) {
 
 INSTANTIATE_TEST_SUITE_P(CommandLine, EachSubcommand,
                          testing::Values("run", "check", "try", "cmd", "send", "get", "status",
-                                         "watch", "trace", "replay", "log-level"),
+                                         "watch", "trace", "replay", "log-level", "reload"),
                          [](const auto& each) {
                            std::string name = each.param;
                            std::replace(name.begin(), name.end(), '-', '_');
@@ -59,7 +59,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Arguments{"trace", "boiler", "--force"},
                     Arguments{"replay", "a", "--port", "1", "--link", "b"}, Arguments{"replay"},
                     Arguments{"replay", "a", "--port", "65536"},
-                    Arguments{"replay", "a", "--speed", "-1"}));
+                    Arguments{"replay", "a", "--speed", "-1"}, Arguments{"reload", "house.conf"}));
 
 TEST(CommandLine, NamesAnUnexpectedWord) {
   EXPECT_EQ(Program().ask({"run", "a", "b"}).errors,
@@ -82,7 +82,7 @@ INSTANTIATE_TEST_SUITE_P(CommandLine, WithoutAnybodyRunning,
                                          Arguments{"send", "1_2_3", "int", "4"},
                                          Arguments{"get", "1_2_3", "int", "--to", "boiler"},
                                          Arguments{"status"}, Arguments{"watch"},
-                                         Arguments{"trace", "boiler"}));
+                                         Arguments{"trace", "boiler"}, Arguments{"reload"}));
 
 TEST(CommandLine, LooksForTheControlSocketInTheRuntimeFolder) {
   const TempFolder folder;

@@ -67,7 +67,7 @@ TEST_F(ControlSocket, AnswersEachRequestInItsOrder) {
   EXPECT_EQ(client.readLine(), R"({"ok":true,"reply":"a"})");
   EXPECT_EQ(client.readLine(),
             R"({"ok":false,"error":"unknown op 'fly'; expected one of cmd, send, get, status, )"
-            R"(watch, log-level, trace, version"})");
+            R"(watch, log-level, trace, reload, version"})");
   EXPECT_EQ(client.readLine(), R"({"ok":true,"reply":"b"})");
 }
 
