@@ -25,7 +25,7 @@ using testing::Not;
 
 const char kAlive[] = "WATCHDOG=1";
 
-class Service : public testing::Test {
+class AsAService : public testing::Test {
  protected:
   // With a sign of life wanted every `watchdog` milliseconds; 0: none.
   Process::Environment environment(int watchdog = 0) const {
@@ -59,7 +59,7 @@ class Service : public testing::Test {
   UnixDatagrams manager{socket};
 };
 
-TEST_F(Service, IsReadyOnlyWhenEveryCommandHasRun) {
+TEST_F(AsAService, IsReadyOnlyWhenEveryCommandHasRun) {
   TcpPeer device;
   house.start("rovik 5 panel generic_net\n  mode ssl\n  host 127.0.0.1\n  port " +
                   std::to_string(device.port()) + "\n  open\nrovik 6 other echo\n",
@@ -74,14 +74,14 @@ TEST_F(Service, IsReadyOnlyWhenEveryCommandHasRun) {
   house.expectEndsInTime();
 }
 
-TEST_F(Service, IsNotReadyWhenItsStartIsRefused) {
+TEST_F(AsAService, IsNotReadyWhenItsStartIsRefused) {
   house.start(houseWith("  fail\n"), {"--strict"}, environment());
   EXPECT_EQ(house.running().wait(), 2);
   EXPECT_EQ(manager.count("READY=1"), 0U);
   EXPECT_EQ(manager.all().back(), "STOPPING=1\nSTATUS=stopping");
 }
 
-TEST_F(Service, SaysThatItStops) {
+TEST_F(AsAService, SaysThatItStops) {
   house.startReady(houseWith(), {}, environment());
   ASSERT_TRUE(manager.waitFor("READY=1"));
   house.expectEndsInTime();
@@ -89,7 +89,7 @@ TEST_F(Service, SaysThatItStops) {
                                          "STOPPING=1\nSTATUS=stopping"));
 }
 
-TEST_F(Service, FindsAManagerInTheAbstractSpace) {
+TEST_F(AsAService, FindsAManagerInTheAbstractSpace) {
   const std::string name = "@drovane-test-" + std::to_string(::getpid());
   UnixDatagrams abstract(name);
   house.start(houseWith(), {}, {{"NOTIFY_SOCKET", name}});
@@ -97,7 +97,7 @@ TEST_F(Service, FindsAManagerInTheAbstractSpace) {
   house.expectEndsInTime();
 }
 
-TEST_F(Service, GoesOnWithoutAManagerThatCanBeTold) {
+TEST_F(AsAService, GoesOnWithoutAManagerThatCanBeTold) {
   const std::string gone = house.program.folder / "gone";
   house.startReady(houseWith(), {}, {{"NOTIFY_SOCKET", gone}});
   EXPECT_EQ(house.command("other", {"say", "alive"}), "alive\n");
@@ -109,14 +109,14 @@ TEST_F(Service, GoesOnWithoutAManagerThatCanBeTold) {
   EXPECT_EQ(log.find(line), log.rfind(line));
 }
 
-TEST_F(Service, SaysThatTheManagersAddressIsNone) {
+TEST_F(AsAService, SaysThatTheManagersAddressIsNone) {
   house.startReady(houseWith(), {}, {{"NOTIFY_SOCKET", "nowhere"}});
   EXPECT_TRUE(
       says(" 2 0 drovane NOTIFY_SOCKET cannot be used; expected the path of a socket: nowhere\n"));
   house.expectEndsInTime();
 }
 
-TEST_F(Service, GivesSignsOfLife) {
+TEST_F(AsAService, GivesSignsOfLife) {
   house.start(houseWith(), {}, environment(200));
   EXPECT_TRUE(signsGoOn());
   EXPECT_TRUE(manager.waitFor("READY=1"));
@@ -125,14 +125,14 @@ TEST_F(Service, GivesSignsOfLife) {
 }
 
 // The first one comes before the house is ready.
-TEST_F(Service, GivesNoSignOfLifeWhenNobodyWantsOne) {
+TEST_F(AsAService, GivesNoSignOfLifeWhenNobodyWantsOne) {
   house.start(houseWith(), {}, environment());
   ASSERT_TRUE(manager.waitFor("READY=1"));
   house.expectEndsInTime();
   EXPECT_EQ(manager.count(kAlive), 0U);
 }
 
-TEST_F(Service, GivesNoSignOfLifeThatIsWantedOfAnother) {
+TEST_F(AsAService, GivesNoSignOfLifeThatIsWantedOfAnother) {
   Process::Environment variables = environment(200);
   variables["WATCHDOG_PID"] = "1";
   house.start(houseWith(), {}, variables);
@@ -141,7 +141,7 @@ TEST_F(Service, GivesNoSignOfLifeThatIsWantedOfAnother) {
   EXPECT_EQ(manager.count(kAlive), 0U);
 }
 
-TEST_F(Service, SaysThatTheTimeForSignsOfLifeIsNone) {
+TEST_F(AsAService, SaysThatTheTimeForSignsOfLifeIsNone) {
   Process::Environment variables = environment();
   variables["WATCHDOG_USEC"] = "soon";
   house.startReady(houseWith(), {}, variables);
@@ -150,7 +150,7 @@ TEST_F(Service, SaysThatTheTimeForSignsOfLifeIsNone) {
   house.expectEndsInTime();
 }
 
-TEST_F(Service, SignsOfLifeNeedNoDescriptor) {
+TEST_F(AsAService, SignsOfLifeNeedNoDescriptor) {
   SKIP_WHEN_EMULATED("needs descriptors of its own");
   house.startReady(houseWith(), {}, environment(200));
   house.limit(RLIMIT_NOFILE, 3);
@@ -159,7 +159,7 @@ TEST_F(Service, SignsOfLifeNeedNoDescriptor) {
   house.expectEndsInTime();
 }
 
-TEST_F(Service, SignsOfLifeNeedNoMemory) {
+TEST_F(AsAService, SignsOfLifeNeedNoMemory) {
   SKIP_WHEN_EMULATED("needs memory of its own");
   const ShortSupply memory;
   Process::Environment variables = environment(1000);
@@ -171,7 +171,7 @@ TEST_F(Service, SignsOfLifeNeedNoMemory) {
   house.expectEndsInTime();
 }
 
-TEST_F(Service, WhatHangsDoesNotKeepSignsOfLifeAwayUnlessItIsToldTo) {
+TEST_F(AsAService, WhatHangsDoesNotKeepSignsOfLifeAwayUnlessItIsToldTo) {
   house.startReady(houseWithLoop(), {}, environment(200));
   enterLoop();
   ASSERT_TRUE(eventually([&] {
@@ -182,7 +182,7 @@ TEST_F(Service, WhatHangsDoesNotKeepSignsOfLifeAwayUnlessItIsToldTo) {
   house.running().signal(SIGKILL);
 }
 
-TEST_F(Service, AHangKeepsSignsOfLifeAwayWhenItIsToldTo) {
+TEST_F(AsAService, AHangKeepsSignsOfLifeAwayWhenItIsToldTo) {
   house.startReady(houseWithLoop(), {"--restart-hung", "1"}, environment(200));
   ASSERT_TRUE(signsGoOn());
   enterLoop();
@@ -197,7 +197,7 @@ TEST_F(Service, AHangKeepsSignsOfLifeAwayWhenItIsToldTo) {
   EXPECT_THAT(house.running().errors(), HasSubstr("rovik 5 loop did not end in time\n"));
 }
 
-TEST_F(Service, SignsOfLifeComeAgainWhenTheHangIsOver) {
+TEST_F(AsAService, SignsOfLifeComeAgainWhenTheHangIsOver) {
   const std::string pipe = house.program.folder / "pipe";
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   house.startReady("rovik 5 waits stalls\n", {"--restart-hung", "1"}, environment(200));
@@ -211,7 +211,7 @@ TEST_F(Service, SignsOfLifeComeAgainWhenTheHangIsOver) {
   house.expectEndsInTime();
 }
 
-TEST_F(Service, AnEndlessLoopIsWarnedOfAndShown) {
+TEST_F(AsAService, AnEndlessLoopIsWarnedOfAndShown) {
   house.startReady(houseWithLoop(), {}, environment());
   enterLoop();
   ASSERT_TRUE(says(" 2 5 loop selectMM has not returned for 10 s\n"));
@@ -226,7 +226,7 @@ TEST_F(Service, AnEndlessLoopIsWarnedOfAndShown) {
   house.running().signal(SIGKILL);
 }
 
-TEST_F(Service, TheLimitForHangsSaysWhenItHasNoEffect) {
+TEST_F(AsAService, TheLimitForHangsSaysWhenItHasNoEffect) {
   house.startReady(houseWith(), {"--restart-hung", "30"}, environment());
   EXPECT_TRUE(
       says(" 2 0 drovane --restart-hung has no effect: no service manager waits for signs of life; "
@@ -234,7 +234,7 @@ TEST_F(Service, TheLimitForHangsSaysWhenItHasNoEffect) {
   house.expectEndsInTime();
 }
 
-TEST_F(Service, TheLimitForHangsIsANumberOfSeconds) {
+TEST_F(AsAService, TheLimitForHangsIsANumberOfSeconds) {
   for (const char* wrong : {"0", "-1", "soon", "86401"})
     EXPECT_EQ(house.program.runToItsEnd(houseWith(), {"--restart-hung", wrong}).status, 2) << wrong;
 }
