@@ -56,7 +56,7 @@ TEST(LinksManual, ExplainsEveryTextThatALinkLogs) {
   Texts logged = {"connection closed by peer %s:%d",
                   "request message ignored as socket not connected"};
   for (const char* source :
-       {"Link.cpp", "Udp.cpp", "Tcp.cpp", "Tls.cpp", "Serial.cpp", "WakeOnLan.cpp"})
+       {"Link.cpp", "Udp.cpp", "Tcp.cpp", "Tls.cpp", "Serial.cpp", "Trial.cpp", "WakeOnLan.cpp"})
     logged.merge(textsOf(source));
   EXPECT_GE(logged.size(), 45U);
   for (const auto& each : logged) EXPECT_TRUE(explained.contains(each)) << each;
@@ -64,7 +64,7 @@ TEST(LinksManual, ExplainsEveryTextThatALinkLogs) {
 
 TEST(LinksManual, ExplainsNoTextThatNoLinkLogs) {
   Texts known;
-  for (const char* source : {"Link.cpp", "Udp.cpp", "Tcp.cpp", "Tls.cpp", "Serial.cpp",
+  for (const char* source : {"Link.cpp", "Udp.cpp", "Tcp.cpp", "Tls.cpp", "Serial.cpp", "Trial.cpp",
                              "WakeOnLan.cpp", "Inbound.cpp", "Outbound.cpp"})
     known.merge(textsOf(source));
   for (const char* line : {"RTS", "DTR"})

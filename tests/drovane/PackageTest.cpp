@@ -111,8 +111,8 @@ TEST_F(Package, HasTheseFilesAndNoOthers) {
   for (const auto& header : fs::directory_iterator(DROVANE_SOURCE_DIR "/src"))
     if (header.path().extension() == ".h")
       expected.insert("include/drovane/" + header.path().filename().string());
-  for (const char* page : {"commands", "configuration", "control-socket", "installation", "links",
-                           "lua", "operation", "tutorial"})
+  for (const char* page : {"commands", "configuration", "control-socket", "diagnosis",
+                           "installation", "links", "lua", "operation", "tutorial"})
     expected.insert(doc + page + ".md");
   expected.insert(dev + "writing-a-plug-in.md");
   for (const std::string& documents : {doc, dev})
