@@ -1,13 +1,9 @@
 // Follows docs/tutorial.md from its first line to its last, with the real program and the simulated
-// device. Each of its blocks stands behind a line that says what it is:
-//   <!-- file: NAME -->      the file, whole
-//   <!-- terminal: NAME -->  what is seen in that terminal: commands behind "$ ", and under each of
-//                            them its output; without a command, what the one that runs shows next
-// A command that goes on running is stopped by Ctrl-C when the next one comes in its terminal; what
-// is shown of it has to come in that order, and "..." marks what is left out. Of a command that
-// ends the whole output is shown, and its status unless that is 0. Times, temperatures, numbers of
-// processes and counters may differ. The device takes any free port, and is in more of a hurry than
-// the one of the page.
+// device. A command that goes on running is stopped by Ctrl-C when the next one comes in its
+// terminal; a block without a command is what the one that runs shows next. What is shown of it has
+// to come in that order, and "..." marks what is left out. Of a command that ends the whole output
+// is shown, and its status unless that is 0. Times, temperatures, numbers of processes and counters
+// may differ. The device takes any free port, and is in more of a hurry than the one of the page.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <re2/re2.h>
@@ -17,48 +13,15 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <sstream>
 
+#include "ManualBlocks.h"
 #include "SimulatedDevice.h"
 #include "support/Eventually.h"
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 constexpr const char* kLeftOut = "...";
-
-struct Block {
-  bool is_file = false;
-  std::string name;  // of the file or of the terminal
-  std::size_t line = 0;
-  Texts content;
-};
-
-Texts linesOf(const std::string& text) {
-  std::istringstream in(text);
-  Texts lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-Texts page() { return linesOf(contentOf(DROVANE_SOURCE_DIR "/docs/tutorial.md")); }
-
-std::vector<Block> blocks() {
-  static const RE2 kMark("<!-- (file|terminal): (.*) -->");
-  const Texts lines = page();
-  std::vector<Block> all;
-  for (std::size_t at = 0; at < lines.size(); ++at) {
-    std::string kind;
-    std::string name;
-    if (!RE2::FullMatch(lines[at], kMark, &kind, &name)) continue;
-    Block block{kind == "file", name, at + 1, {}};
-    EXPECT_TRUE(lines.at(++at).starts_with("```")) << "line " << at;
-    while (lines.at(++at) != "```") block.content.push_back(lines[at]);
-    all.push_back(block);
-  }
-  return all;
-}
+constexpr const char* kManual = "docs/tutorial.md";
 
 // A line without what differs from run to run.
 std::string lasting(const std::string& line) {
@@ -191,8 +154,7 @@ class Tutorial : public testing::Test {
 
   void runToItsEnd(const std::string& command, const Texts& output) const {
     const Finished done = runToEnd(shell(command), environment());
-    Texts shown = linesOf(done.output);
-    if (done.status != 0) shown.push_back("[exit status " + std::to_string(done.status) + ']');
+    const Texts shown = shownBy(done);
     if (command.ends_with(" status"))
       EXPECT_EQ(lasting(shown), lasting(output));
     else
@@ -214,7 +176,7 @@ class Tutorial : public testing::Test {
 };
 
 TEST_F(Tutorial, WorksFromTheFirstLineToTheLast) {
-  for (const Block& block : blocks()) {
+  for (const Block& block : markedBlocks(kManual)) {
     const testing::ScopedTrace trace(DROVANE_SOURCE_DIR "/docs/tutorial.md",
                                      static_cast<int>(block.line), block.name);
     follow(block);
@@ -225,11 +187,11 @@ TEST_F(Tutorial, WorksFromTheFirstLineToTheLast) {
 }
 
 TEST(TutorialPage, HasAMarkBeforeEachBlock) {
-  const Texts lines = page();
+  const Texts lines = linesOfManual(kManual);
   const auto fences = std::count_if(lines.begin(), lines.end(),
                                     [](const auto& line) { return line.starts_with("```"); });
-  EXPECT_EQ(static_cast<std::size_t>(fences), 2 * blocks().size());
-  EXPECT_GE(blocks().size(), 30U);
+  EXPECT_EQ(static_cast<std::size_t>(fences), 2 * markedBlocks(kManual).size());
+  EXPECT_GE(markedBlocks(kManual).size(), 30U);
 }
 
 }  // namespace
