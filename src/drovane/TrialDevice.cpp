@@ -46,16 +46,22 @@ bool TrialDevice::taken() {
   return !ends_at_close && ::ioctl(link.get(), TIOCOUTQ, &bytes) == 0 && bytes == 0;
 }
 
+bool TrialDevice::endsAtClose() {
+  const std::lock_guard guard(lock);
+  return ends_at_close;
+}
+
 std::string TrialDevice::heard() {
   const std::lock_guard guard(lock);
   listen();
   return std::exchange(received, {});
 }
 
-// Reads what is there, and lets go of a link that the rovik has closed.
+// Reads what is there, and lets go of a link that the rovik has closed. A rovik that goes on
+// writing does not keep it for ever.
 void TrialDevice::listen() {
   std::array<char, 4096> block;
-  while (link) {
+  while (link && received.size() < kMostAtOnce) {
     const ssize_t count = ::recv(link.get(), block.data(), block.size(), MSG_DONTWAIT);
     if (count > 0) {
       received.append(block.data(), static_cast<std::size_t>(count));

@@ -22,11 +22,15 @@ class TrialDevice {
   bool say(const std::string& unit);
   // Whether the rovik has taken what was said.
   bool taken();
+  // Whether a unit ends with the link.
+  bool endsAtClose();
   // What the rovik has written since the last call.
   std::string heard();
 
  private:
   void listen();
+
+  static constexpr std::size_t kMostAtOnce = 1024 * 1024;
 
   std::mutex lock;
   Descriptor link;

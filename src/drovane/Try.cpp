@@ -1,8 +1,18 @@
 // "drovane try": lines in, messages out, without a device.
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <functional>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "Drovane.h"
 #include "RovikUtil.h"
@@ -64,6 +74,68 @@ class TrialReport {
   const bool colours;
 };
 
+// The lines of standard input.
+class InputLines {
+ public:
+  // `its_idle` is called now and then while there is none yet.
+  explicit InputLines(std::function<void()> its_idle) : idle(std::move(its_idle)) {}
+
+  // None at the end. The last line needs no end.
+  std::optional<std::string> next() {
+    while (true) {
+      const std::size_t end = text.find('\n', looked_at);
+      if (end != std::string::npos) return take(end, end + 1);
+      looked_at = text.size();
+      if (read()) continue;
+      if (text.empty()) return std::nullopt;
+      return take(text.size(), text.size());
+    }
+  }
+
+ private:
+  std::string take(std::size_t end, std::size_t next_begin) {
+    std::string line = text.substr(0, end);
+    text.erase(0, next_begin);
+    looked_at = 0;
+    return line;
+  }
+
+  // False at the end.
+  bool read() {
+    std::array<char, 4096> block;
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    while (::poll(&input, 1, static_cast<int>(kLook.count())) == 0) idle();
+    const ssize_t count = ::read(STDIN_FILENO, block.data(), block.size());
+    if (count < 0) return errno == EINTR || errno == EAGAIN;
+    text.append(block.data(), static_cast<std::size_t>(count));
+    return count > 0;
+  }
+
+  const std::function<void()> idle;
+  std::string text;           // read and not taken yet
+  std::size_t looked_at = 0;  // of it, for an end of line
+};
+
+// A script may end the process, with a status of its own, in the middle of a trial.
+std::atomic<bool> trying{false};
+
+void atExit() {
+  if (!trying) return;
+  std::cerr << "drovane: the script has ended the process\n";
+  ::_exit(kRefused);
+}
+
+// Nobody can end a thread that does not come back; what it uses stays as it is.
+int leave(Trial& trial, int status) {
+  const bool was_stuck = trial.stuck();
+  const bool ended = trial.stop();
+  trying = false;
+  if (ended) return status;
+  if (!was_stuck) std::cerr << "drovane: the rovik did not end in time\n";
+  std::cout << std::flush;
+  std::_Exit(status == kDone ? kRefused : status);
+}
+
 class Try {
  public:
   Try(const Options& its_options, Trial& its_trial)
@@ -79,13 +151,18 @@ class Try {
  private:
   bool sayArguments() {
     bool all_handled = true;
-    for (const std::string& line : options.lines) all_handled = say(line) && all_handled;
+    for (const std::string& line : options.lines)
+      all_handled = !trial.stuck() && say(line) && all_handled;
     return all_handled;
   }
 
   bool sayInput() {
     bool all_handled = true;
-    for (std::string line; std::getline(std::cin, line);) all_handled = say(line) && all_handled;
+    InputLines input([this] { showMore("(later)"); });
+    while (const auto line = input.next()) {
+      all_handled = say(*line) && all_handled;
+      if (trial.stuck()) return false;
+    }
     return all_handled;
   }
 
@@ -106,6 +183,7 @@ class Try {
   }
 
   void goOn() {
+    if (trial.stuck()) return;
     const auto length = static_cast<std::int64_t>(options.seconds * 1e9);
     const std::int64_t end = Clock::now() + length;
     while (Clock::now() < end) {
@@ -128,9 +206,10 @@ int tryLines(const Options& options) {
     Drovane::global.setLogLevel(LOG_LEVEL_ERROR);
     Drovane::global.setInstRoot(options.root.empty() ? config.rootFolder() : options.root);
     Trial trial(config, options.rovik, report);
-    if (!trial.start(options.plugins)) return kUsage;
+    trying = std::atexit(atExit) == 0;
+    if (!trial.start(options.plugins)) return leave(trial, kUsage);
     if (options.log_level != 0) Drovane::global.setLogLevel(options.log_level);
-    return Try(options, trial).run();
+    return leave(trial, Try(options, trial).run());
   } catch (const ConfigError& error) {
     report(error.what());
     return kUsage;

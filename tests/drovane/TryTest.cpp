@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 
@@ -112,6 +113,7 @@ TEST_F(Try, AUnitThatEndsWithTheLinkIsFollowedByANewLink) {
   EXPECT_EQ(done.output,
             "AB\n  boiler(5) -> everybody data 5_0_0 = \"AB\"\n"
             "CD\n  boiler(5) -> everybody data 5_0_0 = \"CD\"\n");
+  EXPECT_EQ(done.status, 0) << done.errors;
 }
 
 TEST_F(Try, ShowsWhatAScriptWritesToTheDevice) {
@@ -162,6 +164,75 @@ TEST_F(Try, GoesOnAfterTheLastLineWhenToldTo) {
                                       "sndDATA('5_8_0', 'string', 'late', 'BC') return 20000000");
   EXPECT_THAT(tryLines(config, {"T=1"}, {"--for", "2"}).output,
               HasSubstr("(later)\n  boiler(5) -> everybody data 5_8_0 = \"late\"\n"));
+}
+
+// More than a link holds that nobody reads.
+TEST_F(Try, TakesAllThatAScriptWrites) {
+  for (const char* event : {"ROVIK_RCVIO(line)", "ROVIK_RCVOPEN()"}) {
+    const std::string config = scripted(
+        event,
+        "for i = 1, 1000 do sndIO(string.rep('x', 1000)) end sndDATA('5_9_0', 'string', 'DONE', "
+        "'BC')");
+    const Finished done = tryLines(config + "  persist on\n  close\n  open\n", {"T=1"});
+    EXPECT_THAT(done.output, HasSubstr("data 5_9_0 = \"DONE\"\n")) << event;
+    EXPECT_EQ(std::count(done.output.begin(), done.output.end(), 'x'), 1'000'000) << event;
+    EXPECT_EQ(done.status, 0) << done.errors;
+  }
+}
+
+TEST_F(Try, ARequestThatNobodyAnswersBelongsToItsLine) {
+  const std::string config =
+      scripted("ROVIK_RCVIO(line)",
+               "getDATA('6_1_0', 'string', 'lamp') sndDATA('5_9_0', 'string', 'NONE', 'BC')") +
+      "rovik 6 lamp generic_net\n";
+  const Finished done = tryLines(config, {"T=1"});
+  EXPECT_THAT(done.output, HasSubstr("data 5_9_0 = \"NONE\"\n"));
+  EXPECT_EQ(done.errors, "");
+  EXPECT_EQ(done.status, 0);
+}
+
+// More messages than wait for a receiver before whoever sends them no longer reads its link.
+TEST_F(Try, ShowsWhatTheTimerBringsWhileThereIsNoLineYet) {
+  const std::string config =
+      scripted("ROVIK_PERIODIC()",
+               "for i = 1, 100 do sndDATA('5_8_0', 'string', 'tick', 'BC') end "
+               "return 1000 end function ROVIK_RCVIO() return 1000");
+  const Finished done = runToEnd(
+      {"/bin/sh", "-c",
+       "cd \"$2\"; (echo T=1; until test $(grep -c tick out) -gt 5000; do sleep 0.01; done; echo "
+       "T=2)"
+       " | \"$0\" try \"$1\" 5 > out; status=$?; grep -v tick out; exit $status",
+       DROVANE_PROGRAM, program.folder.write("house.conf", config), program.folder.path()});
+  EXPECT_THAT(done.output, HasSubstr("(later)\n"));
+  EXPECT_THAT(done.output, HasSubstr("T=2\n  boiler(5) -> everybody data 5_1_0 = \"2\"\n"));
+  EXPECT_EQ(done.errors, "");
+  EXPECT_EQ(done.status, 0);
+}
+
+TEST_F(Try, ARovikThatDoesNotComeBackEndsIt) {
+  const Finished done = tryLines(scripted("ROVIK_RCVIO()", "while true do end"), {"T=1", "T=2"});
+  EXPECT_THAT(done.errors, HasSubstr("drovane: the rovik has not taken the line 'T=1'"));
+  EXPECT_THAT(done.errors, Not(HasSubstr("'T=2'")));
+  EXPECT_EQ(done.status, 1);
+}
+
+TEST_F(Try, AConfigurationThatDoesNotComeBackEndsIt) {
+  const Finished done =
+      tryLines(scripted("ROVIK_RCVOPEN()", "while true do end") + "  close\n  open\n", {"T=1"});
+  EXPECT_EQ(done.errors, "rovik 5 boiler has not come to the end of its configuration in time\n");
+  EXPECT_EQ(done.status, 2);
+}
+
+TEST_F(Try, AnEndThatDoesNotComeEndsIt) {
+  const Finished done = tryLines(scripted("ROVIK_RCVCLOSE()", "while true do end"), {"T=1"});
+  EXPECT_EQ(done.errors, "drovane: the rovik did not end in time\n");
+  EXPECT_EQ(done.status, 1);
+}
+
+TEST_F(Try, AScriptThatEndsTheProcessIsNoSuccess) {
+  const Finished done = tryLines(scripted("ROVIK_RCVIO()", "os.exit(0)"), {"T=1"});
+  EXPECT_EQ(done.errors, "drovane: the script has ended the process\n");
+  EXPECT_EQ(done.status, 1);
 }
 
 TEST_F(Try, JsonIsOneObjectALine) {
