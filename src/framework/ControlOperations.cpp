@@ -17,6 +17,7 @@
 #include "LocalTime.h"
 #include "Log.h"
 #include "RecordPool.h"
+#include "RovikUtil.h"
 #include "Router.h"
 
 namespace drovane {
@@ -32,9 +33,14 @@ double secondsSince(std::int64_t moment) {
   return static_cast<double>(Clock::now() - moment) / Clock::kNanosecondsPerSecond;
 }
 
-// Seconds with three digits behind the point.
+// With three digits behind the point. Printed here: the library looks for the shortest form of a
+// fraction, which takes as long as all the rest of a rovik's row.
 void addSeconds(const Json& object, const char* field, double seconds) {
-  cJSON_AddNumberToObject(object.get(), field, std::round(seconds * 1000) / 1000);
+  const long long milliseconds = std::llround(std::abs(seconds) * 1000);
+  const std::string text =
+      RovikUtil::vsnprintftostr("%s%lld.%03lld", seconds < 0 && milliseconds > 0 ? "-" : "",
+                                milliseconds / 1000, milliseconds % 1000);
+  cJSON_AddRawToObject(object.get(), field, text.c_str());
 }
 
 // Nothing for a slot that has only just been entered: it would come and go with every look.
