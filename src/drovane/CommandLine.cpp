@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <iostream>
 #include <utility>
 
@@ -20,6 +21,8 @@ struct Subcommand {
   void (*declare)(CLI::App& app, Options& options);
   int (*body)(const Options& options);
   bool all_words_after_first;  // whatever stands behind the first word is a word, not an option
+  std::vector<std::string> Options::*rest = nullptr;  // gets every word from this place on
+  std::size_t rest_place = 0;
 };
 
 void declareFile(CLI::App& app, Options& options) {
@@ -110,10 +113,15 @@ void declareStatus(CLI::App& app, Options& options) {
   app.add_option("ROVIK", options.rovik, "Everything about this one, by name or id");
 }
 
-// One value each time it is given, as often as one likes.
+// One value each time it is given, as often as one likes. More behind it, or a list in brackets,
+// CLI11 is not to look for: a pattern has brackets too.
 void addFilter(CLI::App& app, const char* name, std::vector<std::string>& values,
                const char* type_name, const char* purpose) {
-  app.add_option(name, values, purpose)->type_name(type_name)->expected(1)->take_all();
+  app.add_option(name, values, purpose)
+      ->type_name(type_name)
+      ->expected(1)
+      ->take_all()
+      ->allow_extra_args(false);
 }
 
 void declareWatch(CLI::App& app, Options& options) {
@@ -166,9 +174,9 @@ constexpr std::array<Subcommand, 12> kSubcommands = {{
      "without the other roviks. Lines may hold escapes such as \\x02; what ends a line is added.\n"
      "Exit status 1 when nothing came of a line, or the rovik has warned.\n"
      "Example: drovane try house.conf boiler 'T=21.3' HEAT=ON",
-     declareTry, tryLines, false},
+     declareTry, tryLines, false, &Options::lines, 2},
     {"cmd", "Give one configuration command to a running rovik; print the reply",
-     "Example: drovane cmd boiler port 7002", declareCmd, cmd, true},
+     "Example: drovane cmd boiler port 7002", declareCmd, cmd, true, &Options::words, 1},
     {"send", "Send a value as a message",
      "Example: drovane send 5_0_0 string HEAT=ON --to boiler "
      "--actuator",
@@ -281,8 +289,10 @@ ParsedCommandLine parseCommandLine(std::vector<std::string> arguments) {
     if (chosen == nullptr) throw CLI::RequiredError::Subcommand(1);
     parsed.subcommand = chosen->body;
     // CLI11 takes a word like [0-9] for a list.
-    if (chosen->all_words_after_first)
-      parsed.options.words.assign(sorted.words.begin() + 1, sorted.words.end());
+    if (chosen->rest != nullptr && sorted.words.size() > chosen->rest_place) {
+      const auto begin = sorted.words.begin() + static_cast<std::ptrdiff_t>(chosen->rest_place);
+      (parsed.options.*chosen->rest).assign(begin, sorted.words.end());
+    }
   } catch (const CLI::ExtrasError&) {
     parsed.status = reportExtras(app);
   } catch (const CLI::ParseError& error) {

@@ -83,6 +83,13 @@ TEST_F(Try, EscapesInALineAreBytes) {
   EXPECT_THAT(done.output, HasSubstr("data 5_0_0 = \"a\\x00b\\\\c\"\n"));
 }
 
+TEST_F(Try, ALineInBracketsIsOneLine) {
+  const Finished done = tryLines("rovik 5 boiler generic_net\n  chopeol on\n", {"[1,2]", "[]"});
+  EXPECT_EQ(done.output,
+            "[1,2]\n  boiler(5) -> everybody data 5_0_0 = \"[1,2]\"\n"
+            "[]\n  boiler(5) -> everybody data 5_0_0 = \"[]\"\n");
+}
+
 TEST_F(Try, TheConfiguredEndOfLineIsAdded) {
   const Finished done = tryLines("rovik 5 boiler generic_net\n  eolin \\r\\n\n", {"AB"});
   EXPECT_THAT(done.output, HasSubstr("data 5_0_0 = \"AB\\r\\n\"\n"));

@@ -109,6 +109,7 @@ TEST_F(FilteredWatch, ShowsAKind) {
 
 TEST_F(FilteredWatch, ShowsKeysThatMatchAPattern) {
   EXPECT_EQ(shown({"--key", "[79]_*"}), "3");
+  EXPECT_EQ(shown({"--key", "[79]*[0-9]"}), "3");
   EXPECT_EQ(shown({"--key", "5_1_0", "--key", "9_*"}), "ab");
 }
 
