@@ -17,8 +17,8 @@
 #include "LocalTime.h"
 #include "Log.h"
 #include "RecordPool.h"
-#include "RovikUtil.h"
 #include "Router.h"
+#include "RovikUtil.h"
 
 namespace drovane {
 namespace {
