@@ -10,6 +10,7 @@
 #include "MessageText.h"
 #include "Subcommands.h"
 #include "Terminal.h"
+#include "framework/ConfigFile.h"
 
 namespace drovane {
 namespace {
@@ -198,7 +199,7 @@ constexpr std::array<Subcommand, 12> kSubcommands = {{
      "Exit status: 0 all came as recorded, 1 not, 2 the recording cannot be read\n"
      "Example: drovane replay boiler.rec --port 7001",
      declareReplay, replay, false},
-    {"log-level", "Show the log level, or set it until the end of the run",
+    {"log-level", "Show the log level of the running drovane, or set it",
      "Example: drovane log-level 4", declareLogLevel, logLevel, false},
     {"reload", "Have the running drovane read its configuration anew; print what has changed",
      "Example: drovane reload", declareControl, reload, false},
@@ -261,10 +262,28 @@ int reportExtras(const CLI::App& app) {
   return kUsage;
 }
 
+bool isUnknownSubcommand(const std::vector<std::string>& arguments) {
+  return !arguments.empty() && !arguments.front().starts_with('-') &&
+         findSubcommand(arguments.front()) == nullptr;
+}
+
+int reportUnknownSubcommand(const std::string& word) {
+  std::string names;
+  for (const Subcommand& entry : kSubcommands)
+    names += (names.empty() ? "" : ", ") + std::string(entry.name);
+  std::cerr << "unknown subcommand " << quotedValue(word) << "; expected one of " << names
+            << "\nRun with --help for more information.\n";
+  return kUsage;
+}
+
 }  // namespace
 
 ParsedCommandLine parseCommandLine(std::vector<std::string> arguments) {
   ParsedCommandLine parsed;
+  if (isUnknownSubcommand(arguments)) {
+    parsed.status = reportUnknownSubcommand(arguments.front());
+    return parsed;
+  }
   CLI::App app("drovane runs a house: its roviks talk to devices and to each other.", "drovane");
   app.set_version_flag("--version", kVersionLine);
   app.require_subcommand(1);

@@ -14,6 +14,10 @@ std::string whole(const cJSON* row, const char* field) {
   return item != nullptr ? jsonLine(item) : "0";
 }
 
+std::string counted(const cJSON* row, const char* field, const std::string& what) {
+  return whole(row, field) + ' ' + what + (statusNumber(row, field) == 1 ? "" : "s");
+}
+
 std::string linkLine(const cJSON* row) {
   if (!hasField(row, "link_seconds")) return linkText(row) + ", never open";
   return linkText(row) + " for " + durationText(statusNumber(row, "link_seconds"));
@@ -21,13 +25,13 @@ std::string linkLine(const cJSON* row) {
 
 std::string receivedLine(const cJSON* row) {
   if (!hasField(row, "bytes_in")) return "";
-  return whole(row, "units_in") + " lines, " + whole(row, "bytes_in") + " bytes, " +
+  return counted(row, "units_in", "line") + ", " + counted(row, "bytes_in", "byte") + ", " +
          whole(row, "units_dropped") + " dropped";
 }
 
 std::string sentLine(const cJSON* row) {
   if (!hasField(row, "bytes_out")) return "";
-  return whole(row, "units_out") + " writes, " + whole(row, "bytes_out") + " bytes";
+  return counted(row, "units_out", "write") + ", " + counted(row, "bytes_out", "byte");
 }
 
 std::string lastLine(const cJSON* row, const char* seconds, const char* text) {
@@ -48,7 +52,7 @@ std::string messagesLine(const cJSON* row) {
 
 std::string scriptLine(const cJSON* row) {
   if (statusNumber(row, "script_memory") < 1) return "off";
-  return "on, " + whole(row, "script_memory") + " bytes";
+  return "on, " + counted(row, "script_memory", "byte");
 }
 
 std::string timerLine(const cJSON* row) {

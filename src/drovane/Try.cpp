@@ -203,12 +203,11 @@ int tryLines(const Options& options) {
   const auto report = [](const std::string& finding) { std::cerr << printable(finding) + '\n'; };
   try {
     const ConfigFile config = ConfigFile::read(options.file);
-    Drovane::global.setLogLevel(LOG_LEVEL_ERROR);
+    Drovane::global.setLogLevel(options.log_level != 0 ? options.log_level : LOG_LEVEL_ERROR);
     Drovane::global.setInstRoot(options.root.empty() ? config.rootFolder() : options.root);
     Trial trial(config, options.rovik, report);
     trying = std::atexit(atExit) == 0;
     if (!trial.start(options.plugins)) return leave(trial, kUsage);
-    if (options.log_level != 0) Drovane::global.setLogLevel(options.log_level);
     return leave(trial, Try(options, trial).run());
   } catch (const ConfigError& error) {
     report(error.what());

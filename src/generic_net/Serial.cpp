@@ -99,6 +99,7 @@ int GenericNet::toggleRTS(bool on) {
     report("RTS: port not open, serial port must be open before setting RTS\n");
     return -1;
   }
+  if (onTrial()) return 0;  // a trial link has no such lines
   termios settings{};
   if (tcgetattr(fd, &settings) < 0) {
     report("RTS: failed to get serial port attributes: %s (errno: %d %s)\n", tty, errno,
@@ -126,6 +127,7 @@ int GenericNet::toggleDTR(bool on) {
     report("DTR: port not open, serial port must be open before setting DTR\n");
     return -1;
   }
+  if (onTrial()) return 0;  // likewise
   int controlbits = 0;
   if (ioctl(fd, TIOCMGET, &controlbits) < 0) {
     report("DTR: ioctl TIOCMGET (errno: %d %s)\n", errno, std::strerror(errno));

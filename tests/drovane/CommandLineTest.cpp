@@ -61,6 +61,12 @@ INSTANTIATE_TEST_SUITE_P(
                     Arguments{"replay", "a", "--port", "65536"},
                     Arguments{"replay", "a", "--speed", "-1"}, Arguments{"reload", "house.conf"}));
 
+TEST(CommandLine, NamesAnUnknownSubcommand) {
+  const Finished done = Program().ask({"staus"});
+  EXPECT_EQ(done.status, 2);
+  EXPECT_THAT(done.errors, HasSubstr("unknown subcommand 'staus'; expected one of run, check, "));
+}
+
 TEST(CommandLine, NamesAnUnexpectedWord) {
   EXPECT_EQ(Program().ask({"run", "a", "b"}).errors,
             "unexpected: b\nRun with --help for more information.\n");

@@ -158,7 +158,7 @@ TEST_F(StatusOfALink, OfOneRovikIsTheWholeDetail) {
   EXPECT_EQ(lines[0], "5 boiler");
   EXPECT_EQ(lines[1], "plug-in      generic_net");
   EXPECT_THAT(lines[2], MatchesRegex("link         open for 00:00:[0-9]+"));
-  EXPECT_EQ(lines[3], "received     1 lines, 7 bytes, 0 dropped");
+  EXPECT_EQ(lines[3], "received     1 line, 7 bytes, 0 dropped");
   EXPECT_THAT(lines[4], MatchesRegex("  last       [0-9.]+ s ago: T=21.3"));
   EXPECT_EQ(lines[5], "sent         0 writes, 0 bytes");
   EXPECT_EQ(lines[6], "messages     0 in, 1 out, 0 waiting, 0 dropped");

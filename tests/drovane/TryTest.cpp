@@ -258,6 +258,19 @@ TEST_F(Try, WritesWhatAScriptPrintsAtLogLevel3) {
               HasSubstr(" 3 5 boiler LUA: heard T=1\n"));
 }
 
+TEST_F(Try, TheLinesOfASerialPortAreSetWithoutOne) {
+  const Finished done =
+      tryLines("rovik 5 boiler generic_net\n  mode tty\n  open\n  rts on\n  dtr on\n", {"AB"});
+  EXPECT_EQ(done.errors, "");
+  EXPECT_EQ(done.status, 0);
+}
+
+TEST_F(Try, WritesWhatAScriptPrintsAtTheStart) {
+  const std::string config = scripted("ROVIK_INIT(me)", "m_p = me print('begun')");
+  EXPECT_THAT(tryLines(config, {"T=1"}, {"--log-level", "3"}).errors,
+              HasSubstr(" 3 5 boiler LUA: begun\n"));
+}
+
 TEST_F(Try, ARovikThatIsNotInTheFileIsRefused) {
   const std::string file = program.folder.write("house.conf", "rovik 6 lamp generic_net\n");
   const Finished done = program.ask({"try", file, "boiler", "T=1"});
