@@ -13,6 +13,7 @@
 #include "framework/MessageJson.h"
 #include "support/Emulation.h"
 #include "support/Eventually.h"
+#include "support/Sanitizers.h"
 #include "support/UnixDatagrams.h"
 
 namespace {
@@ -161,6 +162,8 @@ TEST_F(AsAService, SignsOfLifeNeedNoDescriptor) {
 
 TEST_F(AsAService, SignsOfLifeNeedNoMemory) {
   SKIP_WHEN_EMULATED("needs memory of its own");
+  SKIP_WHEN_SANITIZED("ends a program that gets no memory");
+  SKIP_WHEN_COUNTED("needs memory at its end");
   const ShortSupply memory;
   Process::Environment variables = environment(1000);
   variables.merge(memory.environment());
