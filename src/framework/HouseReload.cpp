@@ -1,6 +1,7 @@
 // One reload of a house: who is kept, who leaves, who arrives.
 #include <algorithm>
 #include <limits>
+#include <mutex>
 #include <new>
 #include <thread>
 
@@ -80,6 +81,7 @@ class House::Change {
   void awaitConfigured();
   bool allConfigured() const;
   void finish();
+  static void letGo(Member& member);
   void tellLate() noexcept;
   void closeFindings();
   Reloaded refuse();
@@ -256,7 +258,14 @@ void House::Change::finish() {
     for (Member* member : leaving) member->place = kLast;
     house.members.sort([](const Member& a, const Member& b) { return a.place < b.place; });
   }
+  for (Member* member : leaving) letGo(*member);
   tellLate();
+}
+
+// Of one that did not end: whoever stays is not to wait until it reads its messages.
+void House::Change::letGo(Member& member) {
+  const std::unique_lock turn(member.turn, std::try_to_lock);
+  if (turn && member.state != State::Ended) member.host().leaveRouter();
 }
 
 void House::Change::tellLate() noexcept {

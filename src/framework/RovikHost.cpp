@@ -46,14 +46,18 @@ RovikHost::RovikHost(Rovik& its_rovik, const Identity& identity)
       outbox(mailbox) {}
 
 RovikHost::~RovikHost() {
-  Router::global().remove(*mailbox);
-  mailbox->close();
+  leaveRouter();
   for (; batch_done < batch.size(); ++batch_done) RecordPool::release(batch[batch_done]);
 }
 
 RovikHost& RovikHost::of(Rovik& rovik) { return *rovik.host; }
 
 bool RovikHost::enterRouter() { return Router::global().add(mailbox); }
+
+void RovikHost::leaveRouter() {
+  Router::global().remove(*mailbox);
+  mailbox->close();
+}
 
 int RovikHost::start(std::function<bool()> its_first) {
   first = std::move(its_first);

@@ -80,6 +80,10 @@ class RovikHost {
   // down that the rovik has named, and has it name no other.
   void interrupt();
 
+  // Takes the rovik's address away, for good: what waits for it is dropped, nothing more reaches
+  // it, and nobody is held back because of it. It can still send.
+  void leaveRouter();
+
   // Runs a command inside the rovik: directly while its loop does not run, which is for whoever is
   // inside the rovik then; else on its thread, waiting for the turn at most kPatience, which is not
   // for that thread itself.

@@ -357,6 +357,29 @@ TEST_F(ReloadedHouse, ARovikThatNeverEndsIsGivenUpAndTheHouseGoesOn) {
   EXPECT_NE(program.statusOf(9), nullptr);
 }
 
+// More lines than wait for a receiver before whoever sends them no longer reads its link.
+TEST_F(ReloadedHouse, ARovikThatNeverEndsHoldsNoLinkBack) {
+  constexpr int kLines = 3000;
+  const auto sent = [this] {
+    const drovane::Json row = program.statusOf(7);
+    return cJSON_GetObjectItemCaseSensitive(row.get(), "out")->valueint;
+  };
+  const auto held_back = [this] {
+    const drovane::Json row = program.statusOf(7);
+    return cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(row.get(), "held_back")) != 0;
+  };
+  TcpPeer peer;
+  program.startReady(houseWith(link(7, "line", peer) + "rovik 9 stuck hangs\n"));
+  peer.accept();
+  Process asking({DROVANE_PROGRAM, "cmd", "stuck", "hang"}, {{"DROVANE_CONTROL", program.control}});
+  ASSERT_TRUE(program.running().waitForErrors("hangs now\n"));
+  for (int i = 0; i < kLines; ++i) peer.send("T=1\n");
+  ASSERT_TRUE(eventually(held_back));
+  EXPECT_EQ(reload(houseWith(link(7, "line", peer))).output,
+            summary("4 roviks, 3 kept, 0 changed, 0 added, 0 removed, 1 did not end"));
+  EXPECT_TRUE(eventually([&] { return sent() == kLines; })) << sent();
+}
+
 TEST_F(ReloadedHouse, IsGoneInTimeAlthoughAReloadWaitsForARovik) {
   program.startReady(houseWith("rovik 9 stuck hangs\n"));
   Process asking({DROVANE_PROGRAM, "cmd", "stuck", "hang"}, {{"DROVANE_CONTROL", program.control}});
