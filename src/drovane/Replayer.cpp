@@ -81,9 +81,9 @@ void Replayer::rest(std::int64_t deadline) {
   if (event != Signals::Event::Deadline) throw Stop();
 }
 
-// Takes what the house sends. False at the deadline.
-bool Replayer::awaitInput(std::int64_t deadline) {
-  if (!connected || house_left) {
+// Takes what the house sends, unless there are `most` bytes already. False at the deadline.
+bool Replayer::awaitInput(std::int64_t deadline, std::size_t most) {
+  if (!connected || house_left || input.size() >= most) {
     rest(deadline);
     return false;
   }
@@ -169,7 +169,7 @@ void Replayer::expect(const RecordedEvent& event) {
     if (house_left && input.empty()) {
       awaitHouse(event);
       deadline = inTime(kBytesPatience);
-    } else if (house_left || !awaitInput(deadline)) {
+    } else if (house_left || !awaitInput(deadline, std::max(kMostInput, event.bytes.size()))) {
       return reportOther(event);
     }
   }

@@ -24,6 +24,8 @@ class Replayer {
   // house is waited for without a limit.
   static constexpr std::int64_t kBytesPatience = 5'000'000'000;
   static constexpr std::int64_t kHousePatience = 60'000'000'000;
+  // Behind so many bytes that nobody expects yet a house has to wait.
+  static constexpr std::size_t kMostInput = 1024 * 1024;
 
   // `speed`: 2 for twice as fast, 0 for no pauses at all.
   Replayer(const Recording& its_recording, ReplayPeer& its_peer, double its_speed,
@@ -55,7 +57,7 @@ class Replayer {
   std::int64_t timeOf(const RecordedEvent& event) const;
   void happened(const RecordedEvent& event);
   void rest(std::int64_t deadline);
-  bool awaitInput(std::int64_t deadline);
+  bool awaitInput(std::int64_t deadline, std::size_t most = kMostInput);
 
   const Recording& recording;
   ReplayPeer& peer;

@@ -55,6 +55,21 @@ class HouseEnd {
     return bytes;
   }
   bool seesEnd() const { return receive(1).empty(); }
+  // Sends until the device takes nothing for a second, or `most` bytes; how many.
+  std::size_t flood(std::size_t most) const {
+    const std::string block(65536, 'x');
+    std::size_t done = 0;
+    while (done < most) {
+      const ssize_t more =
+          ::send(socket.get(), block.data(), block.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      pollfd watched{socket.get(), POLLOUT, 0};
+      if (more > 0)
+        done += static_cast<std::size_t>(more);
+      else if (::poll(&watched, 1, 1000) < 1)
+        break;
+    }
+    return done;
+  }
   void close() { socket.reset(); }
 
  private:
@@ -198,6 +213,14 @@ TEST_F(Replay, BytesTooManyAreReportedAtTheEndOfTheLinkAndOfTheRecording) {
             finding(3, "expected nothing more before the link ends; '\\x20and more' came") +
                 program.folder / "link.rec" +
                 ": expected nothing more from the house; 'cd' came\n");
+}
+
+TEST_F(Replay, AHouseThatSendsWithoutEndHasToWait) {
+  constexpr std::size_t kMost = 256 * 1024 * 1024;
+  play("0 +\n0 > HELLO\n3600 < T=1\n");
+  const HouseEnd house(port());
+  house.send("HELLO");
+  EXPECT_LT(house.flood(kMost), kMost);
 }
 
 TEST_F(Replay, PlaysSeveralLinksOneAfterTheOther) {
