@@ -174,12 +174,12 @@ class Running {
   const Signals signals;
   House house;
   PluginLoader loader{PluginLoader::standardFolders(options.plugins)};
+  std::optional<Caretaker> caretaker;  // told by `reload`, so it goes after that
   Reload reload;
   // Threads and descriptors that the end needs: by then there may be none.
   Phase stopping{"drovane-stop", [this] { endHouse(); }, Phase::Begin::WhenTold};
   Phase closing{"drovane-log", [] { Log::global().close(); }, Phase::Begin::WhenTold};
   std::optional<ControlServer> control;
-  std::optional<Caretaker> caretaker;
   std::atomic<bool> started{false};  // set by the start phase
   std::optional<Phase> starting;
 };

@@ -8,6 +8,7 @@
 
 #include "RunningProgram.h"
 #include "support/PeerTcp.h"
+#include "support/Sanitizers.h"
 
 namespace {
 
@@ -237,6 +238,7 @@ TEST_F(Try, AnEndThatDoesNotComeEndsIt) {
 }
 
 TEST_F(Try, AScriptThatEndsTheProcessIsNoSuccess) {
+  SKIP_WHEN_SANITIZED("tells of the threads that are left behind");
   const Finished done = tryLines(scripted("ROVIK_RCVIO()", "os.exit(0)"), {"T=1"});
   EXPECT_EQ(done.errors, "drovane: the script has ended the process\n");
   EXPECT_EQ(done.status, 1);

@@ -35,10 +35,14 @@ class WatchdogTest : public testing::Test {
     ASSERT_TRUE(house->make(loader));
     starting = std::async(std::launch::async, [this] { house->start(false); });
   }
-  // The same, and waits until they run.
+  // The same, and waits until they run, and both wait for events.
   void startReady() {
     start();
     starting.wait();
+    for (const char* const name : {"waits", "other"}) {
+      drovane::RovikHost& host = house->find(name)->host();
+      ASSERT_TRUE(eventually([&] { return !host.busy(); }));
+    }
   }
   void TearDown() override {
     release();
@@ -134,7 +138,6 @@ TEST_F(WatchdogTest, AHangOfTheConfigurationIsSeen) {
 
 TEST_F(WatchdogTest, WaitingForEventsIsNoHang) {
   startReady();
-  ASSERT_TRUE(eventually([&] { return !waits().busy(); }));
   pass(1000);
   look();
   EXPECT_EQ(log.count("has not returned"), 0U);
