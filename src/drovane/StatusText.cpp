@@ -13,6 +13,7 @@ namespace drovane {
 namespace {
 
 constexpr std::size_t kColumns = 80;
+constexpr std::size_t kLeastColumns = 20;  // behind a long label
 constexpr double kMinute = 60;
 constexpr double kHour = 60 * kMinute;
 constexpr double kDay = 24 * kHour;
@@ -83,7 +84,8 @@ std::string momentText(const std::string& time) {
 
 void printWrapped(const std::string& first, const std::string& indent, const std::string& line) {
   const std::string* lead = &first;
-  for (const std::string& part : wrapped(line, kColumns - first.size())) {
+  const std::size_t width = kColumns - std::min(first.size(), kColumns - kLeastColumns);
+  for (const std::string& part : wrapped(line, width)) {
     std::cout << *lead << part << '\n';
     lead = &indent;
   }

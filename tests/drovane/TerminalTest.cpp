@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "RunningProgram.h"
+#include "drovane/StatusText.h"
 #include "drovane/Terminal.h"
 #include "support/Eventually.h"
 
@@ -128,6 +129,16 @@ TEST(Wrapped, BreaksAtBlanksAndElseAnywhere) {
   EXPECT_EQ(wrapped("onetwothree", 6), (Lines{"onetwo", "three"}));
   EXPECT_EQ(wrapped(" onetwothree", 6), (Lines{" onetw", "othree"}));
   EXPECT_EQ(wrapped("", 6), (Lines{""}));
+}
+
+// As long as a plug-in likes: 80 left no column for the text.
+TEST(Wrapped, ALabelOfAnyLengthLeavesRoomForTheText) {
+  for (const std::size_t length : {79U, 80U, 81U, 200U}) {
+    const std::string label(length, 'l');
+    testing::internal::CaptureStdout();
+    drovane::printWrapped(label, "  ", "one two three four five");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), label + "one two three four\n  five\n");
+  }
 }
 
 }  // namespace
