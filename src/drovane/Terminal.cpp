@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iostream>
+#include <stdexcept>
 
 #include "RovikUtil.h"
 
@@ -72,6 +74,11 @@ std::string forOutput(std::string_view text) {
     at = end + 1;
   }
   return clean;
+}
+
+void printLine(const std::string& line) {
+  std::cout << line << std::endl;
+  if (!std::cout) throw std::runtime_error("standard output cannot be written any more");
 }
 
 bool coloursWanted() {

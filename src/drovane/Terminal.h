@@ -14,6 +14,10 @@ std::string printable(std::string_view text);
 // What a program gets as it is, a person at a terminal gets printable; line ends stay.
 std::string forOutput(std::string_view text);
 
+// Writes a line to standard output at once. Throws std::runtime_error when that fails: whoever goes
+// on for ever would not notice.
+void printLine(const std::string& line);
+
 // Whether standard output is a terminal that may show colours (NO_COLOR is respected).
 bool coloursWanted();
 

@@ -59,7 +59,7 @@ class Tracing {
 
   void show(const TracedEvent& event) {
     if (recording) recording->add(event.microseconds, event.sign, event.bytes);
-    std::cout << traceText(event, style) << std::endl;
+    printLine(traceText(event, style));
   }
 
   static bool isEnd(const cJSON* line) {
@@ -80,7 +80,7 @@ class Tracing {
       recording->remark(events + " with " + std::to_string(static_cast<std::uint64_t>(lost)) +
                         " bytes are missing here: they came too fast");
     }
-    std::cout << '(' << events << " not shown: they came too fast)" << std::endl;
+    printLine('(' + events + " not shown: they came too fast)");
   }
 
   ControlClient client;

@@ -57,7 +57,7 @@ class Trial {
   const RovikNames& names() const { return rovik_names; }
 
  private:
-  const House::Member& member() const { return *house.all().begin(); }
+  const House::Member& member() const { return house.all().first(); }
   std::uint64_t reported() const { return member().host().status().warning_count; }
   void beginWait();
   bool late() const;

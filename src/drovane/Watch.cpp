@@ -1,5 +1,3 @@
-#include <iostream>
-
 #include "ControlClient.h"
 #include "MessageText.h"
 #include "Signals.h"
@@ -58,7 +56,7 @@ int watch(const Options& options) {
   client.request(watchRequest(options));
   while (true) {
     const std::string line = client.readLine();
-    std::cout << (options.json ? line : textLine(line, names, colours)) << std::endl;
+    printLine(options.json ? line : textLine(line, names, colours));
   }
 }
 

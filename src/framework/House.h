@@ -94,6 +94,7 @@ class House {
   };
   class Present {
    public:
+    const Member& first() const { return members.front(); }
     auto begin() const { return members.begin(); }
     auto end() const { return members.end(); }
 

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "RunningProgram.h"
+#include "support/Eventually.h"
 
 namespace {
 
@@ -70,6 +71,19 @@ TEST(Watch, EndsWithStatus3WhenDrovaneGoesAway) {
   run.signal(SIGINT);
   EXPECT_EQ(watcher->wait(), 3);
   EXPECT_EQ(watcher->errors(), "drovane: the drovane at " + program.control + " has gone away\n");
+}
+
+TEST(Watch, EndsWhenNobodyTakesWhatItShows) {
+  Program program;
+  program.startReady(houseWith());
+  Process watcher({"/bin/sh", "-c", "exec \"$0\" watch > /dev/full", DROVANE_PROGRAM},
+                  {{"DROVANE_CONTROL", program.control}});
+  ASSERT_TRUE(eventually([&] {
+    program.ask({"send", "9_9_9", "int", "1"});
+    return watcher.errors().find("cannot be written") != std::string::npos;
+  }));
+  EXPECT_EQ(watcher.wait(), 2);
+  EXPECT_EQ(watcher.errors(), "drovane: standard output cannot be written any more\n");
 }
 
 // What a filter lets through, up to a message that every filter of the test lets through.
