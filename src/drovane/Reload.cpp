@@ -1,7 +1,9 @@
 #include "Reload.h"
 
 #include <cerrno>
+#include <chrono>
 #include <exception>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -9,6 +11,12 @@
 #include "framework/Log.h"
 
 namespace drovane {
+namespace {
+
+// How often those that a reload has given up are looked at.
+constexpr std::chrono::seconds kLook{1};
+
+}  // namespace
 
 HouseSettings HouseSettings::of(const Options& options, const ConfigFile& config) {
   return {options.root.empty() ? config.rootFolder() : options.root,
@@ -67,6 +75,7 @@ int Reload::main() {
     signs.begins();
     const House::Reloaded outcome = perform();
     signs.is_over();
+    some_late = outcome.left_some;
     for (const ReloadDone& done : served) done(outcome);
     served.clear();
   }
@@ -76,11 +85,26 @@ int Reload::main() {
 // False when there will be none. Everybody who asks until here gets the reload that now begins.
 bool Reload::awaitRequest() {
   std::unique_lock guard(lock);
-  changed.wait(guard, [&] { return stopping() || (opened && requested); });
+  const auto wanted = [&] { return stopping() || (opened && requested); };
+  while (some_late && !changed.wait_for(guard, kLook, wanted)) {
+    guard.unlock();
+    endLate();
+    guard.lock();
+  }
+  changed.wait(guard, wanted);
   if (stopping()) return false;
   requested = false;
   served.swap(waiting);
   return true;
+}
+
+// For want of memory it is tried again.
+void Reload::endLate() noexcept {
+  try {
+    some_late = !house.endLate();
+  } catch (const std::bad_alloc&) {
+    Log::global().countLost();
+  }
 }
 
 // For want of memory the outcome is one that needs none.

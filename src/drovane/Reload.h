@@ -56,6 +56,7 @@ class Reload final : private Thread {
  private:
   int main() override;
   bool awaitRequest();
+  void endLate() noexcept;
   House::Reloaded perform() noexcept;
   House::Reloaded readAndReload();
   House::Reloaded refuse(const std::string& finding);
@@ -66,6 +67,7 @@ class Reload final : private Thread {
   PluginLoader& loader;
   const House::Report report;
   HouseSettings settings;  // in effect; this thread's
+  bool some_late = false;  // this thread's: the last reload has given up some roviks
 
   std::mutex lock;
   std::condition_variable changed;

@@ -112,6 +112,7 @@ class House {
     bool done = false;                  // false: nothing was changed
     std::string text;                   // "12 roviks, 9 kept, ..."; else why it was not done
     std::vector<std::string> findings;  // that were reported meanwhile
+    bool left_some = false;             // that did not end in time; see endLate
   };
   struct Terms {
     bool restart_all = false;     // keep none
@@ -141,6 +142,10 @@ class House {
   // as their id and name are free. Changes nothing when a new one cannot be made. One that does not
   // end in kReloadPatience is left as it is, and nothing is started in its place.
   Reloaded reload(const ConfigFile& config, PluginLoader& loader, const Terms& terms);
+
+  // Looks at those that a reload has given up, and ends those that have come back since. False when
+  // one is still missing.
+  bool endLate();
 
   // Ends every rovik side by side, and start and reload before their next step; returns when the
   // last one is deleted. Sets no limit for that: its caller does, and asks unended who keeps it

@@ -322,13 +322,26 @@ House::Reloaded House::Change::conclude() {
                                                         {broughtOf(false), " added"},
                                                         {removed(), " removed"}};
   for (const auto& [count, what] : counts) result.text += ", " + std::to_string(count) + what;
-  if (stuck() > 0) result.text += ", " + std::to_string(stuck()) + " did not end";
+  const std::size_t left = stuck();
+  if (left > 0) result.text += ", " + std::to_string(left) + " did not end";
+  result.left_some = left > 0;
   return std::move(result);
 }
 
 House::Reloaded House::reload(const ConfigFile& config, PluginLoader& loader, const Terms& terms) {
   const std::lock_guard guard(changing);
   return Change(*this, config, terms).run(loader);
+}
+
+bool House::endLate() {
+  const std::lock_guard guard(changing);
+  std::vector<Member*> late;
+  {
+    const std::lock_guard list(list_lock);
+    for (Member& member : members)
+      if (member.unwanted) late.push_back(&member);
+  }
+  return cancelled || allEnded(late, true);
 }
 
 }  // namespace drovane

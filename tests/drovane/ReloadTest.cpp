@@ -357,6 +357,19 @@ TEST_F(ReloadedHouse, ARovikThatNeverEndsIsGivenUpAndTheHouseGoesOn) {
   EXPECT_NE(program.statusOf(9), nullptr);
 }
 
+TEST_F(ReloadedHouse, ARovikThatWasGivenUpEndsWhenItComesBack) {
+  program.startReady(houseWith("rovik 9 late waits\n"));
+  const std::string sign = program.folder / "sign";
+  Process asking({DROVANE_PROGRAM, "cmd", "late", "wait", sign},
+                 {{"DROVANE_CONTROL", program.control}});
+  ASSERT_TRUE(program.running().waitForErrors("waits now\n"));
+  EXPECT_EQ(reload(houseWith()).output,
+            summary("3 roviks, 2 kept, 0 changed, 0 added, 0 removed, 1 did not end"));
+  program.folder.write("sign", "");
+  EXPECT_TRUE(program.running().waitForErrors("rovik 9 late: stopped\n"));
+  EXPECT_EQ(program.statusOf(9), nullptr);
+}
+
 // More lines than wait for a receiver before whoever sends them no longer reads its link.
 TEST_F(ReloadedHouse, ARovikThatNeverEndsHoldsNoLinkBack) {
   constexpr int kLines = 3000;
