@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "FaultyHouse.h"
+#include "support/Emulation.h"
 #include "support/Eventually.h"
 #include "support/UnixDatagrams.h"
 
@@ -86,10 +87,11 @@ TEST_F(Journal, GetsTheDetailsOfLevel4AtTheirPriority) {
 }
 
 TEST_F(Journal, GetsALineThatIsTooLargeForADatagram) {
+  SKIP_WHEN_EMULATED("loses what is too large for a datagram, and reports no error");
   START(houseWith(), bound());
   EXPECT_EQ(house.command("boiler", {"longlog", "9000000"}), "OK\n");
   const std::string text(9'000'000, 'x');
-  EXPECT_TRUE(journal.waitFor("MESSAGE=" + text + "\n"));
+  EXPECT_TRUE(journal.waitFor("MESSAGE=" + text + "\n")) << house.running().errors();
   house.expectEndsInTime();
 }
 
