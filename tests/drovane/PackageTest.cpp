@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <re2/re2.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -263,6 +264,7 @@ class Service : public Installed {
     ASSERT_TRUE(RE2::Replace(&text, "ExecStart=" DROVANE_PREFIX "/bin/drovane ",
                              "ExecStart=" + program + ' '));
     unit = folder.write("drovane.service", text);
+    ASSERT_EQ(::chmod(unit.c_str(), 0644), 0);  // whatever the mask is
   }
 
   std::string unit;
