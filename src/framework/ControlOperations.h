@@ -114,7 +114,6 @@ class ControlOperations {
   static const Operation& operation(const std::string& name);
   House::Found member(const std::string& rovik) const;
   WatchFilter::Address watched(const std::string& rovik) const;
-  Json memberStatus(const House::Member& of) const;
   Pending& addPending(std::uint64_t client);
   Pending& addPending(std::uint64_t client, const House::Member& receiver);
   std::string resultLine(const Pending& waiting, const CommandResult& result) const;

@@ -7,21 +7,11 @@
 #include <set>
 
 #include "ManualBlocks.h"
+#include "NamesFound.h"
 
 namespace {
 
-using Names = std::set<std::string>;
-
 constexpr const char* kManual = "docs/diagnosis.md";
-
-// Every first group of the expression in the text.
-Names foundIn(const std::string& text, const std::string& expression) {
-  const RE2 pattern("(?m)" + expression);
-  Names names;
-  std::string name;
-  for (re2::StringPiece rest(text); RE2::FindAndConsume(&rest, pattern, &name);) names.insert(name);
-  return names;
-}
 
 std::string sectionOf(const std::string& heading) {
   const std::string manual = contentOf(DROVANE_SOURCE_DIR "/docs/diagnosis.md");

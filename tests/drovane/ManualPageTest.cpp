@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 
+#include "NamesFound.h"
 #include "RunningProgram.h"
 
 namespace {
@@ -17,22 +18,12 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
-using Names = std::set<std::string>;
 using OptionsOf = std::map<std::string, Names>;  // by subcommand
 
 std::string contentOf(const std::string& file) {
   std::ifstream stream(DROVANE_SOURCE_DIR "/" + file);
   EXPECT_TRUE(stream) << file;
   return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-// Every first group of the expression in the text, which is gone through line by line.
-Names foundIn(const std::string& text, const std::string& expression) {
-  const RE2 pattern("(?m)" + expression);
-  Names names;
-  std::string name;
-  for (re2::StringPiece rest(text); RE2::FindAndConsume(&rest, pattern, &name);) names.insert(name);
-  return names;
 }
 
 // --help is everywhere and needs no word in the pages.
