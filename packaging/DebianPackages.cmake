@@ -30,7 +30,7 @@ and ask a house.
 
 The service starts once there is a configuration, /etc/drovane/house.conf.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
-  "systemd | systemd-standalone-sysusers | systemd-sysusers")
+  "libsystemd0, systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_SOURCE_DIR}/debian/conffiles
   ${CMAKE_CURRENT_SOURCE_DIR}/debian/postinst

@@ -1,19 +1,19 @@
 #include "Journal.h"
 
-#define SD_JOURNAL_SUPPRESS_LOCATION  // of this source, for every line
 #include <sys/uio.h>
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <system_error>
 
 #include "Drovane.h"
+#include "Systemd.h"
 #include "framework/Log.h"
 
 namespace drovane {
@@ -44,20 +44,32 @@ void write(const LogLine& line) {
   std::transform(fields.begin(), fields.end(), parts.begin(), [](std::string& field) {
     return iovec{field.data(), field.size()};
   });
-  const int result = sd_journal_sendv(parts.data(), static_cast<int>(parts.size()));
+  const int result = Systemd::library().journalSendv(parts.data(), static_cast<int>(parts.size()));
   if (result < 0) throw std::system_error(-result, std::generic_category(), "journal");
+}
+
+// Why lines cannot be written there; empty when they can.
+std::string obstacle() {
+  const int missing = journalError();
+  if (missing != 0) return std::string(kSocket) + ": " + std::strerror(missing);
+  try {
+    Systemd::library();
+    return "";
+  } catch (const std::exception& error) {
+    return error.what();
+  }
 }
 
 }  // namespace
 
 void openJournal() {
-  const int missing = journalError();
-  if (missing == 0) {
+  const std::string why = obstacle();
+  if (why.empty()) {
     Log::global().openWriter(write);
     return;
   }
-  std::cerr << std::string("drovane: the journal cannot be reached: ") + kSocket + ": " +
-                   std::strerror(missing) + "; the log goes to standard error\n";
+  std::cerr << "drovane: the journal cannot be reached: " + why +
+                   "; the log goes to standard error\n";
   Log::global().openTerminal();
 }
 

@@ -2,7 +2,6 @@
 
 #include <sys/time.h>
 #include <sys/uio.h>
-#include <systemd/sd-daemon.h>
 
 #include <array>
 #include <cerrno>
@@ -10,9 +9,11 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <system_error>
 
 #include "Drovane.h"
+#include "Systemd.h"
 #include "framework/Clock.h"
 #include "framework/Log.h"
 
@@ -52,13 +53,16 @@ void Notify::findManager() {
     throw std::system_error(errno, std::generic_category(), "notify socket");
 }
 
-void Notify::findPause() {
+void Notify::findPause() try {
+  if (std::getenv("WATCHDOG_USEC") == nullptr) return;  // nobody wants signs of life
   std::uint64_t microseconds = 0;
-  const int found = sd_watchdog_enabled(0, &microseconds);
+  const int found = Systemd::library().watchdogEnabled(0, &microseconds);
   if (found < 0)
     complain("WATCHDOG_USEC or WATCHDOG_PID cannot be used", std::strerror(-found));
   else if (found > 0)
     sign_pause = static_cast<std::int64_t>(microseconds) * kNanosecondsPerMicrosecond / 2;
+} catch (const std::runtime_error& error) {
+  complain("no signs of life for the service manager", error.what());
 }
 
 void Notify::starting() { tell(kLongerStart); }

@@ -85,6 +85,19 @@ void FaultyHouse::script(const std::string& name, const std::string& text) const
   program.folder.write("lua/" + name + ".lua", text);
 }
 
+std::string FaultyHouse::folderWithBroken(const std::string& library) const {
+  std::filesystem::create_directories(program.folder / "libraries");
+  program.folder.write("libraries/" + library, "This is no library.\n");
+  return program.folder / "libraries";
+}
+
+bool FaultyHouse::hasLoaded(const std::string& library) const {
+  std::ifstream maps("/proc/" + std::to_string(process->pid()) + "/maps");
+  for (std::string line; std::getline(maps, line);)
+    if (line.find('/' + library) != std::string::npos) return true;
+  return false;
+}
+
 void ShortSupply::set(std::uint32_t n, std::uint32_t m) const {
   const std::array<std::uint32_t, 2> numbers = {n, m};
   const drovane::Descriptor file(

@@ -40,6 +40,10 @@ class FaultyHouse {
 
   // Writes lua/NAME.lua.
   void script(const std::string& name, const std::string& text) const;
+  // LD_LIBRARY_PATH for a program that finds no library in the file of this name.
+  std::string folderWithBroken(const std::string& library) const;
+  // Whether the running program has it.
+  bool hasLoaded(const std::string& library) const;
 
  private:
   std::unique_ptr<Process> process;

@@ -108,6 +108,19 @@ TEST_F(Journal, ThatIsNotThereIsSaidOnceAndTheLogGoesToStandardError) {
   EXPECT_EQ(said.find(line), said.rfind(line));
 }
 
+TEST_F(Journal, WithoutItsLibraryIsSaidAndTheLogGoesToStandardError) {
+  START(houseWith(),
+        bound() + " && export LD_LIBRARY_PATH='" + house.folderWithBroken("libsystemd.so.0") + "'");
+  EXPECT_EQ(house.command("boiler", {"log", "it is warm"}), "OK\n");
+  EXPECT_TRUE(house.running().waitForErrors(" 3 5 boiler it is warm\n"));
+  house.expectEndsInTime();
+  EXPECT_THAT(
+      house.running().errors(),
+      AllOf(HasSubstr("drovane: the journal cannot be reached: the library of systemd cannot "
+                      "be loaded: "),
+            HasSubstr("; the log goes to standard error\n")));
+}
+
 // Its socket is there, and nobody listens any more.
 TEST_F(Journal, ThatEndsIsSaidAndTheHouseGoesOn) {
   START(houseWith(), bound());

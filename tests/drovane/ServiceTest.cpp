@@ -151,6 +151,28 @@ TEST_F(AsAService, SaysThatTheTimeForSignsOfLifeIsNone) {
   house.expectEndsInTime();
 }
 
+TEST_F(AsAService, SaysThatThereAreNoSignsOfLifeWithoutTheLibrary) {
+  Process::Environment variables = environment(200);
+  variables["LD_LIBRARY_PATH"] = house.folderWithBroken("libsystemd.so.0");
+  house.startReady(houseWith(), {}, variables);
+  EXPECT_TRUE(says(
+      " 2 0 drovane no signs of life for the service manager: the library of systemd cannot be "
+      "loaded: "));
+  EXPECT_TRUE(manager.waitFor("READY=1"));
+  house.expectEndsInTime();
+  EXPECT_EQ(manager.count(kAlive), 0U);
+}
+
+// It takes a third of the time of a short command.
+TEST_F(AsAService, TheLibraryIsLoadedOnlyWhenSignsOfLifeAreWanted) {
+  house.startReady(houseWith(), {}, environment());
+  EXPECT_FALSE(house.hasLoaded("libsystemd.so.0"));
+  house.expectEndsInTime();
+  house.startReady(houseWith(), {}, environment(200));
+  EXPECT_TRUE(house.hasLoaded("libsystemd.so.0"));
+  house.expectEndsInTime();
+}
+
 TEST_F(AsAService, SignsOfLifeNeedNoDescriptor) {
   SKIP_WHEN_EMULATED("needs descriptors of its own");
   house.startReady(houseWith(), {}, environment(200));
