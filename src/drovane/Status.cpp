@@ -113,14 +113,16 @@ void printDetails(const cJSON* reply) {
 int status(const Options& options) {
   ControlClient client(ControlClient::choosePath(options.control));
   const Json request = newRequest("status");
+  const bool table = !options.json && options.rovik.empty();
   if (!options.rovik.empty()) addText(request.get(), "rovik", options.rovik);
+  if (table) cJSON_AddTrueToObject(request.get(), "brief");
   const Json reply = client.request(request);
-  if (options.json)
-    printLines(reply.get());
-  else if (!options.rovik.empty())
-    printDetails(reply.get());
-  else
+  if (table)
     printTable(reply.get());
+  else if (options.json)
+    printLines(reply.get());
+  else
+    printDetails(reply.get());
   std::cout << std::flush;
   return kDone;
 }

@@ -40,14 +40,15 @@ bool hasField(const cJSON* object, const char* field) {
 }
 
 std::string statusCount(const cJSON* object, const char* field) {
+  constexpr double kMost = 1e18;  // whatever the other side says, it fits
   double value = statusNumber(object, field);
-  std::string unit;
+  const char* unit = "";
   for (const char* const next : {"k", "M", "G", "T", "P"}) {
     if (value < 1e6) break;
     value = std::floor(value / 1000);
     unit = next;
   }
-  return RovikUtil::vsnprintftostr("%.0f%s", value, unit.c_str());
+  return std::to_string(static_cast<std::int64_t>(std::clamp(value, -kMost, kMost))) + unit;
 }
 
 std::string linkText(const cJSON* row) {

@@ -4,40 +4,72 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Busy.h"
 #include "Clock.h"
 #include "LinkTraffic.h"
 #include "LocalTime.h"
+#include "MessageJson.h"
 #include "RovikUtil.h"
 
 namespace drovane {
 namespace {
 
-void addCount(const Json& object, const char* field, std::uint64_t count) {
-  cJSON_AddNumberToObject(object.get(), field, static_cast<double>(count));
-}
-
 double secondsSince(std::int64_t moment) {
   return static_cast<double>(Clock::now() - moment) / Clock::kNanosecondsPerSecond;
 }
 
-// With three digits behind the point. Printed here: the library looks for the shortest form of a
-// fraction, which takes as long as all the rest of a rovik's row.
-void addSeconds(const Json& object, const char* field, double seconds) {
-  const long long milliseconds = std::llround(std::abs(seconds) * 1000);
-  const std::string text =
-      RovikUtil::vsnprintftostr("%s%lld.%03lld", seconds < 0 && milliseconds > 0 ? "-" : "",
-                                milliseconds / 1000, milliseconds % 1000);
-  cJSON_AddRawToObject(object.get(), field, text.c_str());
+// An object that grows field by field; a brief one without what is false, 0 or empty.
+//
+// Numbers are printed here: the library looks for the shortest form of each, which takes longer
+// than all the rest of a rovik's row.
+class Row {
+ public:
+  explicit Row(bool its_brief) : brief(its_brief), object(cJSON_CreateObject()) {}
+
+  void flag(const char* field, bool value) {
+    if (value || !brief) cJSON_AddBoolToObject(object.get(), field, value);
+  }
+  template <typename Integer>
+  void count(const char* field, Integer value) {
+    if (value != 0 || !brief) json(field, std::to_string(value));
+  }
+  void text(const char* field, std::string_view value) {
+    if (!value.empty() || !brief) addText(object.get(), field, value);
+  }
+  // With three digits behind the point.
+  void seconds(const char* field, double value) {
+    const long long milliseconds = std::llround(std::abs(value) * 1000);
+    json(field, RovikUtil::vsnprintftostr("%s%lld.%03lld", value < 0 && milliseconds > 0 ? "-" : "",
+                                          milliseconds / 1000, milliseconds % 1000));
+  }
+  void json(const char* field, const std::string& value) {
+    cJSON_AddRawToObject(object.get(), field, value.c_str());
+  }
+
+  std::string line() const { return jsonLine(object.get()); }
+
+  const bool brief;
+
+ private:
+  const Json object;
+};
+
+void addWarning(Row& row, const RovikStatus& now) {
+  const bool warned = now.warning_count > 0;
+  row.text("warning", now.warning);
+  row.text("warning_time", warned ? localTime(now.warning_time, 0) : "");
+  row.count("warning_count", now.warning_count);
+  if (warned) row.seconds("warning_seconds", secondsSince(now.warning_clock));
 }
 
 // Nothing for a slot that has only just been entered: it would come and go with every look.
-void addBusy(const Json& row, const std::optional<Busy>& busy) {
+void addBusy(Row& row, const std::optional<Busy>& busy) {
   const double seconds = busy ? secondsSince(busy->since) : 0;
   if (seconds < 1) return;
-  cJSON_AddStringToObject(row.get(), "slot", busy->slot);
-  addSeconds(row, "slot_seconds", seconds);
+  row.text("slot", busy->slot);
+  row.seconds("slot_seconds", seconds);
 }
 
 struct DirectionFields {
@@ -47,55 +79,52 @@ struct DirectionFields {
   const char* last_seconds;
 };
 
-void addDirection(const Json& row, const DirectionFields& fields,
-                  const LinkTraffic::Direction& figures) {
-  addCount(row, fields.bytes, figures.bytes);
-  addCount(row, fields.units, figures.units);
+void addDirection(Row& row, const DirectionFields& fields, const LinkTraffic::Direction& figures) {
+  row.count(fields.bytes, figures.bytes);
+  row.count(fields.units, figures.units);
   if (figures.last_time == 0) return;
-  addText(row.get(), fields.last, figures.last);
-  addSeconds(row, fields.last_seconds, secondsSince(figures.last_time));
+  row.text(fields.last, figures.last);
+  row.seconds(fields.last_seconds, secondsSince(figures.last_time));
 }
 
 // Nothing for a rovik that never had a link.
-void addTraffic(const Json& row, const LinkTraffic::Figures& figures) {
+void addTraffic(Row& row, const LinkTraffic::Figures& figures) {
   if (figures.link_changed == 0) return;
-  addSeconds(row, "link_seconds", secondsSince(figures.link_changed));
+  row.seconds("link_seconds", secondsSince(figures.link_changed));
   addDirection(row, {"bytes_in", "units_in", "last_in", "last_in_seconds"}, figures.in);
   addDirection(row, {"bytes_out", "units_out", "last_out", "last_out_seconds"}, figures.out);
-  addCount(row, "units_dropped", figures.dropped);
+  row.count("units_dropped", figures.dropped);
+}
+
+// JSON already, printed by the rovik's host; there is none before it has started.
+void addDescription(Row& row, const std::string& description) {
+  if (!row.brief) row.json("description", description.empty() ? "{}" : description);
 }
 
 }  // namespace
 
-Json statusRow(const House::Member& of) {
+std::string statusRow(const House::Member& of, bool brief) {
   const RovikStatus now = of.host().status();
-  Json row(cJSON_CreateObject());
-  cJSON_AddNumberToObject(row.get(), "id", now.id);
-  cJSON_AddStringToObject(row.get(), "name", now.name.c_str());
-  cJSON_AddStringToObject(row.get(), "plug_in", of.config.plug_in.c_str());
-  cJSON_AddNumberToObject(row.get(), "type", now.type);
-  cJSON_AddBoolToObject(row.get(), "starting", of.state == House::Member::State::Configuring);
-  cJSON_AddBoolToObject(row.get(), "running", now.running);
-  cJSON_AddBoolToObject(row.get(), "link_open", now.link_open);
-  cJSON_AddBoolToObject(row.get(), "held_back", now.held_back);
-  addCount(row, "queued", now.queued);
-  addCount(row, "in", now.received);
-  addCount(row, "out", now.sent);
-  addCount(row, "dropped", now.dropped);
-  addText(row.get(), "warning", now.warning);
-  const bool warned = now.warning_count > 0;
-  cJSON_AddStringToObject(row.get(), "warning_time",
-                          warned ? localTime(now.warning_time, 0).c_str() : "");
-  addCount(row, "warning_count", now.warning_count);
-  if (warned) addSeconds(row, "warning_seconds", secondsSince(now.warning_clock));
+  Row row(brief);
+  row.count("id", now.id);
+  row.text("name", now.name);
+  row.text("plug_in", of.config.plug_in);
+  row.count("type", now.type);
+  row.flag("starting", of.state == House::Member::State::Configuring);
+  row.flag("running", now.running);
+  row.flag("link_open", now.link_open);
+  row.flag("held_back", now.held_back);
+  row.count("queued", now.queued);
+  row.count("in", now.received);
+  row.count("out", now.sent);
+  row.count("dropped", now.dropped);
+  addWarning(row, now);
   addBusy(row, now.busy);
   addTraffic(row, now.traffic);
-  addCount(row, "script_memory", now.script_memory);
-  if (now.timer_expiry) addSeconds(row, "timer_seconds", -secondsSince(*now.timer_expiry));
-  // JSON already, printed by the rovik's host; there is none before it has started.
-  cJSON_AddRawToObject(row.get(), "description",
-                       now.description.empty() ? "{}" : now.description.c_str());
-  return row;
+  row.count("script_memory", now.script_memory);
+  if (now.timer_expiry) row.seconds("timer_seconds", -secondsSince(*now.timer_expiry));
+  addDescription(row, now.description);
+  return row.line();
 }
 
 }  // namespace drovane

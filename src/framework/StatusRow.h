@@ -1,13 +1,14 @@
 // One rovik in the answer to "status".
 #pragma once
 
+#include <string>
+
 #include "House.h"
-#include "MessageJson.h"
 
 namespace drovane {
 
-// A new object with everything that the status display shows of it. Control thread, while it looks
-// at the member.
-Json statusRow(const House::Member& of);
+// JSON with everything that the status display shows of it; a brief one without the description and
+// without what is false, 0 or empty. Control thread, while it looks at the member.
+std::string statusRow(const House::Member& of, bool brief);
 
 }  // namespace drovane

@@ -21,6 +21,8 @@ using drovane::ControlOperations;
 using drovane::ControlWatch;
 using drovane::House;
 using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr std::uint64_t kClient = 1;
@@ -191,6 +193,15 @@ TEST_F(ControlOperationsTest, StatusOfOneRovikHasOneRow) {
   const std::string reply = perform(R"({"op":"status","rovik":"lamp"})");
   EXPECT_NE(reply.find(R"("name":"lamp")"), std::string::npos);
   EXPECT_EQ(reply.find(R"("name":"boiler")"), std::string::npos);
+}
+
+TEST_F(ControlOperationsTest, BriefStatusLeavesOutTheDescriptionAndWhatIsFalseZeroOrEmpty) {
+  const std::string reply = perform(R"({"op":"status","rovik":"lamp","brief":true})");
+  EXPECT_THAT(reply, EndsWith(R"("roviks":[{"id":6,"name":"lamp","plug_in":"echo"}]})"));
+  EXPECT_THAT(perform(R"({"op":"status","rovik":"lamp","brief":false})"),
+              HasSubstr(R"("plug_in":"echo","type":0,"starting":false,)"));
+  EXPECT_EQ(perform(R"({"op":"status","brief":1})"),
+            refusal("'brief' is neither true nor false; expected one of them"));
 }
 
 }  // namespace
