@@ -8,7 +8,8 @@
 // There are two floods. Scripts count the lines of the first and tell one rovik about each
 // thousandth: a few threads are busy, the others sleep. Of the second every line is reported to all
 // other roviks, so that each of the 500 threads has work all the time. The floor of an answer in a
-// flood is the same answer of the same house in silence.
+// flood is the same answer of the same house in silence; that of the command, which is a new
+// process, a program that does nothing, started in turns with it in the same flood.
 #include <poll.h>
 
 #include <algorithm>
@@ -246,12 +247,17 @@ class House {
     return samples(plan.requests, [&] { client.request(statusRequest()); });
   }
 
-  // Milliseconds until `drovane status` has printed its table and ended, many times.
-  std::vector<double> commands() const {
-    return samples(plan.commands, [&] {
-      if (Program(words({"status"}), inFolder("table")).wait() != 0)
-        throw std::runtime_error("drovane status has failed");
+  struct Commands {
+    std::vector<double> status;   // milliseconds until `drovane status` has printed and ended
+    std::vector<double> nothing;  // the same of a program that does nothing
+  };
+  Commands commands() const {
+    Commands times;
+    samples(plan.commands, [&] {
+      times.status.push_back(runFor(words({"status"}), inFolder("table")));
+      times.nothing.push_back(runFor({"/bin/true"}, inFolder("output of nothing")));
     });
+    return times;
   }
 
   // Of the table that was printed last.
@@ -269,6 +275,13 @@ class House {
     all.insert(all.end(), subcommand.begin(), subcommand.end());
     all.insert(all.end(), {"--control", socketPath()});
     return all;
+  }
+
+  static double runFor(const std::vector<std::string>& command, const std::string& output) {
+    const auto begun = SteadyClock::now();
+    if (Program(command, output).wait() != 0)
+      throw std::runtime_error(command.front() + " has failed");
+    return secondsSince(begun, SteadyClock::now()) * 1e3;
   }
 
   static drovane::Json statusRequest() { return drovane::newRequest("status"); }
@@ -342,13 +355,13 @@ void measureStarts(Child& peers, int port, House& house, const Plan& plan, Repor
 
 struct Answers {
   std::vector<double> requests;
-  std::vector<double> commands;
+  House::Commands commands;
 };
 
-void addAnswers(const std::string& name, const std::vector<double>& flooded,
-                const std::vector<double>& silent, Report& report) {
-  report.add({name + ", median", median(flooded), "ms", median(silent), std::nullopt, below(50)});
-  report.add({name + ", 99 of 100 below", quantile(flooded, 0.99), "ms", quantile(silent, 0.99),
+void addTimes(const std::string& name, const std::vector<double>& flooded,
+              const std::vector<double>& floor, Report& report) {
+  report.add({name + ", median", median(flooded), "ms", median(floor), std::nullopt, below(50)});
+  report.add({name + ", 99 of 100 below", quantile(flooded, 0.99), "ms", quantile(floor, 0.99),
               std::nullopt, below(50)});
 }
 
@@ -374,8 +387,9 @@ void measureFlood(Child& peers, const House& house, const FloodKind& kind, const
   if (after.dropped > 0) report.fault("messages were dropped");
   report.add({kind.name + ", lines", (after.sent - before.sent) * kind.lines_per_message / seconds,
               "/s", std::nullopt, std::nullopt, std::nullopt});
-  addAnswers(kind.name + ", request", flooded.requests, silent.requests, report);
-  addAnswers(kind.name + ", drovane status", flooded.commands, silent.commands, report);
+  addTimes(kind.name + ", request", flooded.requests, silent.requests, report);
+  addTimes(kind.name + ", drovane status", flooded.commands.status, flooded.commands.nothing,
+           report);
 }
 
 void measureStatus(Child& peers, House& house, const Plan& plan, Report& report) {

@@ -56,9 +56,10 @@ void ControlServer::askForTurn() {
 }
 
 int ControlServer::main() {
+  const Precedence precedence;
   while (!stopping()) {
     try {
-      turn();
+      turn(precedence);
     } catch (const std::exception& error) {
       logError("exception", error.what());
       ::poll(nullptr, 0, kPauseAfterException);
@@ -67,7 +68,7 @@ int ControlServer::main() {
   return 0;
 }
 
-void ControlServer::turn() {
+void ControlServer::turn(const Precedence& precedence) {
   turn_wanted.store(false, std::memory_order_relaxed);  // first: the turn may end with an exception
   wait();
   for (std::size_t i = 0; i < polled.size(); ++i) {
@@ -76,8 +77,12 @@ void ControlServer::turn() {
   }
   operations.collect(
       [this](std::uint64_t client, const std::string& line) { answerLater(client, line); });
-  handOutMessages();
-  handOutTraces();
+  if (watch.waiting() || trace.waiting()) {
+    // A flood that somebody watches must not take the time of the roviks that have to live with it.
+    const Precedence::Waived shared(precedence);
+    handOutMessages();
+    handOutTraces();
+  }
   acceptAll();
   finish();
 }

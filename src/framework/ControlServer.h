@@ -16,12 +16,15 @@
 #include "ControlTrace.h"
 #include "ControlWatch.h"
 #include "House.h"
+#include "Precedence.h"
 #include "Thread.h"
 #include "Waker.h"
 
 namespace drovane {
 
-// One thread, "drovane-ctl", serves all clients and never waits for one of them.
+// One thread, "drovane-ctl", serves all clients and never waits for one of them. Where the system
+// allows it, requests are answered before roviks have their turns, so that a flood keeps nobody
+// from seeing what it does.
 //
 // A client's requests are answered one after the other, in their order. At most kConnections
 // clients are connected: a new one takes the place of the one that has been silent longest,
@@ -57,7 +60,7 @@ class ControlServer final : private Thread {
   int main() override;
   int stop() override;
 
-  void turn();
+  void turn(const Precedence& precedence);
   void wait();
   int timeLeft() const;
   void addPoll(int descriptor, int events, std::uint64_t client);

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -99,6 +100,10 @@ ssize_t recv(int socket, void* data, size_t length, int flags) {
 
 ssize_t send(int socket, const void* data, size_t length, int flags) {
   return fails("send") ? -1 : next(send, "send")(socket, data, length, flags);
+}
+
+int setpriority(__priority_which_t which, id_t who, int value) noexcept {
+  return fails("setpriority") ? -1 : next(setpriority, "setpriority")(which, who, value);
 }
 
 int unlink(const char* path) noexcept {

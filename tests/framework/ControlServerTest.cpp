@@ -1,9 +1,14 @@
 // The control socket's thread, with clients and failures that a decent client never sees.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <optional>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "faults/LibraryFaults.h"
@@ -18,6 +23,7 @@ namespace {
 using drovane::ConfigFile;
 using drovane::ControlServer;
 using drovane::House;
+using testing::HasSubstr;
 using testing::StartsWith;
 
 const char* const kVersion = R"({"op":"version"})"
@@ -42,6 +48,16 @@ class ControlServerTest : public testing::Test {
     EXPECT_THAT(client.readLine(), StartsWith(R"({"ok":true,"version":"1.2.3","pid":)"));
   }
 
+  static id_t threadNamed(const std::string& name) {
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream comm(thread.path() / "comm");
+      std::string its_name;
+      if (std::getline(comm, its_name) && its_name == name)
+        return static_cast<id_t>(std::stoul(thread.path().filename()));
+    }
+    throw std::runtime_error("there is no thread " + name);
+  }
+
   const TempFolder folder;
   const std::string path = folder / "control";
   LogCapture log{2};
@@ -52,6 +68,24 @@ class ControlServerTest : public testing::Test {
 TEST_F(ControlServerTest, SaysWhenItsThreadCannotBeStarted) {
   const LibraryFault fault("pthread_create", EAGAIN);
   EXPECT_EQ(server->start(), EAGAIN);
+}
+
+// Again so after it has handed messages to a watcher.
+TEST_F(ControlServerTest, ItsThreadGoesBeforeOthers) {
+  ASSERT_EQ(server->start(), 0);
+  expectAlive();
+  const int first = ::getpriority(PRIO_PROCESS, threadNamed("drovane-ctl"));
+  if (first == 0) GTEST_SKIP() << "this user may not raise the precedence of a thread";
+  EXPECT_EQ(first, ::getpriority(PRIO_PROCESS, 0) - 10);
+  UnixClient watcher(path);
+  ASSERT_TRUE(watcher.send("{\"op\":\"watch\"}\n"));
+  ASSERT_THAT(watcher.readLine(), StartsWith(R"({"ok":true)"));
+  UnixClient sender(path);
+  ASSERT_TRUE(
+      sender.send("{\"op\":\"send\",\"key\":\"5_1_0\",\"type\":\"int\",\"value\":\"1\"}\n"));
+  ASSERT_THAT(watcher.readLine(), HasSubstr("5_1_0"));
+  expectAlive();
+  EXPECT_EQ(::getpriority(PRIO_PROCESS, threadNamed("drovane-ctl")), first);
 }
 
 TEST_F(ControlServerTest, AWaitThatFailsIsLoggedAndTriedAgain) {
