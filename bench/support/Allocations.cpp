@@ -10,8 +10,12 @@ namespace {
 std::atomic<bool> counting{false};
 std::atomic<std::uint64_t> calls{0};
 
-void* counted(std::size_t size) noexcept {
+void count() noexcept {
   if (counting.load(std::memory_order_relaxed)) calls.fetch_add(1, std::memory_order_relaxed);
+}
+
+void* counted(std::size_t size) noexcept {
+  count();
   return std::malloc(size != 0 ? size : 1);
 }
 
@@ -28,10 +32,21 @@ void* operator new(std::size_t size) { return countedOrThrow(size); }
 void* operator new[](std::size_t size) { return countedOrThrow(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return counted(size); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return counted(size); }
+// Records are asked for in this way.
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  count();
+  const auto unit = static_cast<std::size_t>(alignment);
+  return std::aligned_alloc(unit, (size + unit - 1) / unit * unit);
+}
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, std::align_val_t) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t, std::align_val_t) noexcept { std::free(block); }
+void operator delete(void* block, std::align_val_t, const std::nothrow_t&) noexcept {
+  std::free(block);
+}
 void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
 void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
 

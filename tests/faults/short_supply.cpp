@@ -22,6 +22,7 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
 }
 
 namespace {
@@ -71,6 +72,11 @@ extern "C" void* calloc(std::size_t count, std::size_t size) noexcept {
 
 extern "C" void* realloc(void* block, std::size_t size) noexcept {
   return memoryFails() ? nullptr : __libc_realloc(block, size);
+}
+
+// Records are asked for in this way.
+extern "C" void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
+  return memoryFails() ? nullptr : __libc_memalign(alignment, size);
 }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,

@@ -1,6 +1,7 @@
 // Making, copying and releasing message records.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <thread>
 #include <vector>
 
@@ -128,6 +129,16 @@ TEST(MessageCreateTest, ANewRecordIsABroadcastWithEverythingElseZeroOrEmpty) {
   for (const auto kind : kAllKinds) {
     SCOPED_TRACE(kind);
     expectBlank(*newMessage<RovikMessage>(kind), kind);
+  }
+}
+
+// A record goes from processor to processor line by line.
+TEST(MessageCreateTest, EachRecordBeginsAtACacheLine) {
+  for (const auto kind : kAllKinds) {
+    std::vector<Owned<RovikMessage>> records;
+    while (records.size() < 10) records.push_back(newMessage<RovikMessage>(kind));
+    for (const auto& record : records)
+      EXPECT_EQ(reinterpret_cast<std::uintptr_t>(record.get()) % 64, 0U) << kind;
   }
 }
 
