@@ -23,10 +23,15 @@ constexpr int kHeightBound = 256;
 // Enough for a function, its arguments and the steps that make them.
 constexpr int kRoomForCall = 32;
 
-// False when the interpreter has no room left: the call has to fail like a script's own overflow.
-bool makeRoom(lua_State* L) {
-  if (lua_gettop(L) > kHeightBound) lua_settop(L, 1);
-  return lua_checkstack(L, kRoomForCall) != 0;
+// The height below a call; negative when the interpreter has no room left: the call has to fail
+// like a script's own overflow.
+int makeRoom(lua_State* L) {
+  int height = lua_gettop(L);
+  if (height > kHeightBound) {
+    height = 1;
+    lua_settop(L, height);
+  }
+  return lua_checkstack(L, kRoomForCall) != 0 ? height : -1;
 }
 
 // A delay in microseconds; beyond 32 bits it is still far above every bound.
@@ -43,7 +48,7 @@ LuaRovik* LuaRovik::objectOf(lua_State* L) {
   lua_rawgetp(L, LUA_REGISTRYINDEX, &kOwnerKey);
   auto* const owner = static_cast<LuaRovik*>(lua_touserdata(L, -1));
   lua_pop(L, 1);
-  script::pushGlobal(L, "m_p");
+  script::pushKnownGlobal(L, "m_p");
   const bool stored = lua_islightuserdata(L, -1) && lua_touserdata(L, -1) == owner;
   lua_pop(L, 1);
   if (stored || owner == nullptr) return owner;
@@ -53,9 +58,10 @@ LuaRovik* LuaRovik::objectOf(lua_State* L) {
 }
 
 void LuaRovik::raiseWith(const ScriptEvent& event, PushArguments push, void* context) {
-  const int height = lua_gettop(lua_state);
+  const int height = makeRoom(lua_state);
+  if (height < 0) return report("lua function error: %s\n", "stack overflow");
   try {
-    callEvent(event, push, context);
+    callEvent(height, event, push, context);
   } catch (const script::Panic&) {
     script::dropUnfinished(lua_state, height);
     report("lua function error: %s\n", script::panicText(lua_state).c_str());
@@ -65,11 +71,9 @@ void LuaRovik::raiseWith(const ScriptEvent& event, PushArguments push, void* con
   }
 }
 
-void LuaRovik::callEvent(const ScriptEvent& event, PushArguments push, void* context) {
+void LuaRovik::callEvent(int height, const ScriptEvent& event, PushArguments push, void* context) {
   lua_State* const L = lua_state;
-  if (!makeRoom(L)) return report("lua function error: %s\n", "stack overflow");
-  const int height = lua_gettop(L);
-  bool good = script::pushGlobal(L, event.function);
+  bool good = script::pushKnownGlobal(L, event.function);
   if (good) {
     const int arguments = push(L, context);
     if (arguments < 0) {
@@ -107,9 +111,13 @@ void LuaRovik::armTimer(int microseconds, int seconds) {
 }
 
 std::string LuaRovik::callCommand(char** arg) {
-  const int height = lua_gettop(lua_state);
+  const int height = makeRoom(lua_state);
+  if (height < 0) {
+    report("lua function error: %s\n", "stack overflow");
+    return "ERROR (LUA FUNCTION ERROR)";
+  }
   try {
-    return runCommand(arg);
+    return runCommand(height, arg);
   } catch (const script::Panic&) {
     script::dropUnfinished(lua_state, height);
     report("lua function error: %s\n", script::panicText(lua_state).c_str());
@@ -120,13 +128,8 @@ std::string LuaRovik::callCommand(char** arg) {
   }
 }
 
-std::string LuaRovik::runCommand(char** arg) {
+std::string LuaRovik::runCommand(int height, char** arg) {
   lua_State* const L = lua_state;
-  if (!makeRoom(L)) {
-    report("lua function error: %s\n", "stack overflow");
-    return "ERROR (LUA FUNCTION ERROR)";
-  }
-  const int height = lua_gettop(L);
   bool good = script::pushGlobal(L, arg[0]);
   if (good) {
     lua_newtable(L);

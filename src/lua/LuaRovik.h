@@ -146,7 +146,7 @@ class LuaRovik : public Rovik {
 
   using PushArguments = int (*)(lua_State* L, void* context);
   void raiseWith(const ScriptEvent& event, PushArguments push, void* context);
-  void callEvent(const ScriptEvent& event, PushArguments push, void* context);
+  void callEvent(int height, const ScriptEvent& event, PushArguments push, void* context);
   void armTimer(int microseconds, int seconds);
 
   void endInterpreter();
@@ -155,7 +155,7 @@ class LuaRovik : public Rovik {
   int runInit();
   void registerFunctions();
   std::string callCommand(char** arg);
-  std::string runCommand(char** arg);
+  std::string runCommand(int height, char** arg);
   std::string checkScript();
   std::string openOrComplain();
 
