@@ -45,9 +45,7 @@ int toDelay(lua_Number number, int otherwise) {
 }  // namespace
 
 LuaRovik* LuaRovik::objectOf(lua_State* L) {
-  lua_rawgetp(L, LUA_REGISTRYINDEX, &kOwnerKey);
-  auto* const owner = static_cast<LuaRovik*>(lua_touserdata(L, -1));
-  lua_pop(L, 1);
+  LuaRovik* const owner = script::hostOf(L).owner;
   script::pushKnownGlobal(L, "m_p");
   const bool stored = lua_islightuserdata(L, -1) && lua_touserdata(L, -1) == owner;
   lua_pop(L, 1);

@@ -62,14 +62,15 @@ std::string scriptPath(const std::string& root, const char* file) {
 
 }  // namespace
 
-LuaRovik::LuaRovik() : lua_state(nullptr), luafile{} { type = MT_LUA; }
+LuaRovik::LuaRovik() : lua_state(nullptr), luafile{}, script_host{scriptMemory(), this} {
+  type = MT_LUA;
+}
 
 // A finalizer of the script may still call a function; the derived part of the rovik is gone by
 // now, so such a call must not find it.
 LuaRovik::~LuaRovik() {
   if (lua_state == nullptr) return;
-  lua_pushnil(lua_state);
-  lua_rawsetp(lua_state, LUA_REGISTRYINDEX, &kOwnerKey);
+  script_host.owner = nullptr;
   endInterpreter();
 }
 
@@ -106,9 +107,6 @@ void LuaRovik::registerFunctions() {
     lua_pushcclosure(lua_state, entry.function, 0);
     lua_setglobal(lua_state, entry.name);
   }
-  // Against this a script's m_p is held.
-  lua_pushlightuserdata(lua_state, this);
-  lua_rawsetp(lua_state, LUA_REGISTRYINDEX, &kOwnerKey);
 }
 
 // Leaves the compiled script on the stack.
@@ -132,7 +130,7 @@ int LuaRovik::prepLua() {
     trace("cannot prep lua as lua already open\n");
     return 1;
   }
-  lua_state = script::newState(scriptMemory());
+  lua_state = script::newState(script_host);
   if (lua_state == nullptr) {
     // The same words as above, on purpose: whoever watches for them sees both.
     trace("cannot prep lua as lua already open\n");
@@ -203,7 +201,8 @@ std::string LuaRovik::checkScript() {
   const std::string file = std::string("lua/") + luafile;
   const std::string path = scriptPath(installationRoot(), luafile);
   std::atomic<std::size_t> held{0};
-  lua_State* L = script::newState(held);
+  script::Host nobody{held, nullptr};
+  lua_State* L = script::newState(nobody);
   if (L == nullptr) return "ERROR (not enough memory to check " + file + ")";
   std::string reply = kOk;
   if (luaL_loadfilex(L, path.c_str(), nullptr) != LUA_OK) {

@@ -20,6 +20,7 @@
 
 #include "Mutex.h"
 #include "Rovik.h"
+#include "ScriptHost.h"
 
 struct lua_State;
 
@@ -159,8 +160,8 @@ class LuaRovik : public Rovik {
   std::string checkScript();
   std::string openOrComplain();
 
-  // Its address is where the interpreter's registry keeps the rovik that it belongs to.
-  static constexpr char kOwnerKey = 0;
+  script::Host script_host;  // against its owner a script's m_p is held
+
   static constexpr int kMessageTextSize = 512;
   static constexpr DestinationLines kDataRequestLines = {"LUA: DATA_REQUEST %s to %d\n",
                                                          "LUA: DATA_REQUEST %s as broadcast\n",

@@ -43,8 +43,8 @@ void pushKnownText(lua_State* L, const char* text) {
 }
 
 // The interpreter's allocator, lua_Alloc. `had` tells no size while there is no block.
-void* allocate(void* held, void* block, std::size_t had, std::size_t wanted) {
-  auto& count = *static_cast<std::atomic<std::size_t>*>(held);
+void* allocate(void* host, void* block, std::size_t had, std::size_t wanted) {
+  auto& count = static_cast<Host*>(host)->held;
   const std::size_t size = block != nullptr ? had : 0;
   void* const made = wanted > 0 ? std::realloc(block, wanted) : nullptr;
   if (wanted == 0) std::free(block);
@@ -55,7 +55,13 @@ void* allocate(void* held, void* block, std::size_t had, std::size_t wanted) {
 
 }  // namespace
 
-lua_State* newState(std::atomic<std::size_t>& held) { return lua_newstate(allocate, &held); }
+lua_State* newState(Host& host) { return lua_newstate(allocate, &host); }
+
+const Host& hostOf(lua_State* L) {
+  void* host = nullptr;
+  lua_getallocf(L, &host);
+  return *static_cast<const Host*>(host);
+}
 
 void guardAgainstPanic(lua_State* L) { lua_atpanic(L, throwPanic); }
 

@@ -1,16 +1,17 @@
 // Small steps on an interpreter's stack that must not harm the process, whatever the script did.
 #pragma once
 
-#include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <lua.hpp>
 #include <string>
 
+#include "ScriptHost.h"
+
 namespace script {
 
-// A new interpreter, which counts the bytes that it holds in `held`; null when there is no memory.
-lua_State* newState(std::atomic<std::size_t>& held);
+// A new interpreter of this host, which outlives it; null when there is no memory.
+lua_State* newState(Host& host);
+const Host& hostOf(lua_State* L);
 
 // Thrown where an error is raised outside every protected call. See
 // panicText.

@@ -67,6 +67,25 @@ TEST_F(HostileTest, TheRovikOfAnotherInterpreterIsNotTakenForThisOne) {
   EXPECT_THAT(newLines(), Each(kRefused));
 }
 
+// What the debug library hands out holds the plug-in's own entries, too: names of globals. (Other
+// texts there are other names.)
+TEST_F(HostileTest, ARegistryWithOtherValuesDoesNoHarm) {
+  for (const char* other : {"42", "{}", "key", "me", "io.stdout", "nil"}) {
+    lua(std::string("local registry = debug.getregistry() for key in pairs(registry) do ") +
+        "if type(key) == 'userdata' then registry[key] = " + other + " end end");
+    lua("m_p = me print('still here')");
+    EXPECT_THAT(newLines(), ElementsAre("3 LUA: still here")) << other;
+    lua("m_p = io.stdout");
+    EXPECT_EQ("0 0", callAll()) << other;
+    EXPECT_THAT(newLines(), Each(kRefused)) << other;
+    lua("function ROVIK_RCVIO(text) heard = text return 5000000 end");
+    char line[] = "x";
+    net->rcvData(line, 1);
+    EXPECT_EQ("x", lua("return heard")) << other;
+    newLines();
+  }
+}
+
 TEST_F(HostileTest, AMissingMpBehindARaisingMetatableIsRefusedToo) {
   lua("m_p = nil setmetatable(_G, {__index = function(_, n) error('no ' .. n) end})");
   EXPECT_EQ("0 0", callAll());
