@@ -113,12 +113,15 @@ void Sandbox::apply(lua_State* L) {
   lua_pushcclosure(L, setMetatable, 1);
   lua_setglobal(L, "setmetatable");
   lua_sethook(L, countStep, LUA_MASKCOUNT, kStep);
-  lua_setallocf(L, allocate, this);
+  // The rovik is found by the allocator's context.
+  void* host = nullptr;
+  lua_getallocf(L, &host);
+  lua_setallocf(L, allocate, host);
 }
 
 // What is made smaller always is.
-void* Sandbox::allocate(void* self, void* block, std::size_t before, std::size_t after) {
-  auto& box = *static_cast<Sandbox*>(self);
+void* Sandbox::allocate(void*, void* block, std::size_t before, std::size_t after) {
+  auto& box = *current;
   if (block == nullptr) before = 0;  // a kind of object then, no size
   if (after > before && box.memory + (after - before) > kMemory) return nullptr;
   // Blocks from before the sandbox are given back too.

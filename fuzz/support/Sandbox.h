@@ -24,7 +24,7 @@ class Sandbox {
   static constexpr int kSteps = 80;                 // of an input's scripts
   static constexpr std::size_t kWork = 128 * 1024;  // bytes given to functions, and more
 
-  static void* allocate(void* self, void* block, std::size_t before, std::size_t after);
+  static void* allocate(void* host, void* block, std::size_t before, std::size_t after);
   static void countStep(lua_State* L, lua_Debug* event);
   static int charged(lua_State* L);
   static int setMetatable(lua_State* L);

@@ -9,7 +9,8 @@
 
 namespace script {
 
-// A new interpreter of this host, which outlives it; null when there is no memory.
+// A new interpreter of this host, which outlives it; null when there is no memory. The host is the
+// context of the allocator: whoever puts another allocator in its place keeps the context.
 lua_State* newState(Host& host);
 const Host& hostOf(lua_State* L);
 

@@ -7,12 +7,14 @@
 
 namespace {
 
-// While it lives, the interpreter gets nothing beyond what it has.
+// While it lives, the interpreter gets nothing beyond what it has. The allocator keeps its context,
+// by which the rovik is found.
 class NoLuaMemory {
  public:
   explicit NoLuaMemory(lua_State* const& its_state) : owner(its_state), state(its_state) {
     allocate = lua_getallocf(state, &context);
-    lua_setallocf(state, refuse, this);
+    current = this;
+    lua_setallocf(state, refuse, context);
   }
   // Unless the interpreter was closed meanwhile.
   ~NoLuaMemory() {
@@ -22,11 +24,12 @@ class NoLuaMemory {
   NoLuaMemory& operator=(const NoLuaMemory&) = delete;
 
  private:
-  static void* refuse(void* self, void* block, std::size_t before, std::size_t wanted) {
-    auto* const gone = static_cast<NoLuaMemory*>(self);
+  static void* refuse(void* context, void* block, std::size_t before, std::size_t wanted) {
     if (wanted > 0 && (block == nullptr || wanted > before)) return nullptr;
-    return gone->allocate(gone->context, block, before, wanted);
+    return current->allocate(context, block, before, wanted);
   }
+
+  static inline const NoLuaMemory* current = nullptr;
 
   lua_State* const& owner;
   lua_State* const state;
@@ -90,6 +93,17 @@ TEST_F(InterpreterMemoryTest, AnEventWithoutRoomOnTheStackIsReported) {
   }
   EXPECT_EQ("lua function error: stack overflow", warning());
   expectAlive();
+}
+
+TEST_F(InterpreterMemoryTest, AFunctionOfTheRovikThatNeedsNoneIsCarriedOut) {
+  script("function ROVIK_PERIODIC() print('tick') end");
+  net->selectTI();  // what the call needs is there from now on
+  newLines();
+  {
+    const NoLuaMemory gone(net->lua_state);
+    EXPECT_EQ(0, net->selectTI());
+  }
+  EXPECT_THAT(newLines(), testing::Contains("3 LUA: tick"));
 }
 
 TEST_F(InterpreterMemoryTest, AScriptWhoseInitIsNotFoundInTimeIsClosed) {
