@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,20 +24,25 @@ double secondsSince(std::int64_t moment) {
 // An object that grows field by field; a brief one without what is false, 0 or empty.
 //
 // Numbers are printed here: the library looks for the shortest form of each, which takes longer
-// than all the rest of a rovik's row.
+// than all the rest of a rovik's row. It also leaves out, and says nothing, what it has no memory
+// for: so the fields are counted.
 class Row {
  public:
   explicit Row(bool its_brief) : brief(its_brief), object(cJSON_CreateObject()) {}
 
   void flag(const char* field, bool value) {
-    if (value || !brief) cJSON_AddBoolToObject(object.get(), field, value);
+    if (!value && brief) return;
+    ++fields;
+    cJSON_AddBoolToObject(object.get(), field, value);
   }
   template <typename Integer>
   void count(const char* field, Integer value) {
     if (value != 0 || !brief) json(field, std::to_string(value));
   }
   void text(const char* field, std::string_view value) {
-    if (!value.empty() || !brief) addText(object.get(), field, value);
+    if (value.empty() && brief) return;
+    ++fields;
+    addText(object.get(), field, value);
   }
   // With three digits behind the point.
   void seconds(const char* field, double value) {
@@ -45,15 +51,20 @@ class Row {
                                           milliseconds / 1000, milliseconds % 1000));
   }
   void json(const char* field, const std::string& value) {
+    ++fields;
     cJSON_AddRawToObject(object.get(), field, value.c_str());
   }
 
-  std::string line() const { return jsonLine(object.get()); }
+  std::string line() const {
+    if (cJSON_GetArraySize(object.get()) != fields) throw std::bad_alloc();
+    return jsonLine(object.get());
+  }
 
   const bool brief;
 
  private:
   const Json object;
+  int fields = 0;
 };
 
 void addWarning(Row& row, const RovikStatus& now) {

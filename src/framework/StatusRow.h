@@ -7,8 +7,9 @@
 
 namespace drovane {
 
-// JSON with everything that the status display shows of it; a brief one without the description and
-// without what is false, 0 or empty. Control thread, while it looks at the member.
+// JSON with everything that the status display shows of it; a brief one without the description,
+// and without flags that are false, counts that are 0 and texts that are empty. Throws
+// std::bad_alloc. Control thread, while it looks at the member.
 std::string statusRow(const House::Member& of, bool brief);
 
 }  // namespace drovane

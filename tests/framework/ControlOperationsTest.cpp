@@ -2,7 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "Drovane.h"
@@ -202,6 +204,53 @@ TEST_F(ControlOperationsTest, BriefStatusLeavesOutTheDescriptionAndWhatIsFalseZe
               HasSubstr(R"("plug_in":"echo","type":0,"starting":false,)"));
   EXPECT_EQ(perform(R"({"op":"status","brief":1})"),
             refusal("'brief' is neither true nor false; expected one of them"));
+}
+
+// The library of JSON gets all it asks for but one block, and this process's own code everything.
+class NoJsonMemory {
+ public:
+  explicit NoJsonMemory(int the_block) {
+    left = the_block;
+    cJSON_Hooks hooks{allocate, std::free};
+    cJSON_InitHooks(&hooks);
+  }
+  ~NoJsonMemory() { cJSON_InitHooks(nullptr); }
+  NoJsonMemory(const NoJsonMemory&) = delete;
+  NoJsonMemory& operator=(const NoJsonMemory&) = delete;
+
+  static bool struck() { return left < 0; }
+
+ private:
+  static void* allocate(std::size_t size) { return left-- == 0 ? nullptr : std::malloc(size); }
+
+  static inline int left = 0;
+};
+
+std::string rowsOf(const std::string& reply) {
+  const std::size_t at = reply.find(R"("roviks":)");
+  return at != std::string::npos ? reply.substr(at) : "";
+}
+
+TEST_F(ControlOperationsTest, AStatusForWhichThereIsNoMemoryIsRefused) {
+  const char* const request = R"({"op":"status"})";
+  const std::string rows = rowsOf(perform(request));
+  ASSERT_THAT(rows, HasSubstr("lamp"));
+  int refused = 0;
+  for (int block = 0;; ++block) {
+    SCOPED_TRACE(block);
+    std::string reply;
+    {
+      const NoJsonMemory gone(block);
+      reply = perform(request);
+      if (!NoJsonMemory::struck()) break;
+    }
+    if (reply == refusal("there is no memory for an answer; expected another try later")) {
+      ++refused;
+    } else if (reply.find(R"("ok":true)") != std::string::npos) {
+      EXPECT_EQ(rowsOf(reply), rows);
+    }
+  }
+  EXPECT_GT(refused, 0);
 }
 
 }  // namespace
