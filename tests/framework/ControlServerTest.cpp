@@ -1,7 +1,6 @@
 // The control socket's thread, with clients and failures that a decent client never sees.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -15,6 +14,7 @@
 #include "framework/ControlServer.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/NiceValue.h"
 #include "support/TempFolder.h"
 #include "support/UnixClient.h"
 
@@ -72,11 +72,11 @@ TEST_F(ControlServerTest, SaysWhenItsThreadCannotBeStarted) {
 
 // Again so after it has handed messages to a watcher.
 TEST_F(ControlServerTest, ItsThreadGoesBeforeOthers) {
+  SKIP_UNLESS_THREADS_MAY_GO_FIRST();
   ASSERT_EQ(server->start(), 0);
   expectAlive();
-  const int first = ::getpriority(PRIO_PROCESS, threadNamed("drovane-ctl"));
-  if (first == 0) GTEST_SKIP() << "this user may not raise the precedence of a thread";
-  EXPECT_EQ(first, ::getpriority(PRIO_PROCESS, 0) - 10);
+  const int first = niceOf(threadNamed("drovane-ctl"));
+  EXPECT_EQ(first, tenStepsBefore(niceOf(0)));
   UnixClient watcher(path);
   ASSERT_TRUE(watcher.send("{\"op\":\"watch\"}\n"));
   ASSERT_THAT(watcher.readLine(), StartsWith(R"({"ok":true)"));
@@ -85,7 +85,7 @@ TEST_F(ControlServerTest, ItsThreadGoesBeforeOthers) {
       sender.send("{\"op\":\"send\",\"key\":\"5_1_0\",\"type\":\"int\",\"value\":\"1\"}\n"));
   ASSERT_THAT(watcher.readLine(), HasSubstr("5_1_0"));
   expectAlive();
-  EXPECT_EQ(::getpriority(PRIO_PROCESS, threadNamed("drovane-ctl")), first);
+  EXPECT_EQ(niceOf(threadNamed("drovane-ctl")), first);
 }
 
 TEST_F(ControlServerTest, AWaitThatFailsIsLoggedAndTriedAgain) {

@@ -1,18 +1,18 @@
 // Which threads have their turn before others. Only some users may have that.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cerrno>
 #include <thread>
 
 #include "faults/LibraryFaults.h"
 #include "framework/Precedence.h"
+#include "support/NiceValue.h"
 
 namespace {
 
 using drovane::Precedence;
 
-int nice() { return ::getpriority(PRIO_PROCESS, 0); }
+int nice() { return niceOf(0); }
 
 // Each in a thread of its own, whose nice value is nobody else's.
 template <typename Body>
@@ -20,23 +20,15 @@ void inThread(Body body) {
   std::thread(body).join();
 }
 
-bool allowed() {
-  bool result = false;
-  inThread([&] { result = ::setpriority(PRIO_PROCESS, 0, nice() - 10) == 0; });
-  return result;
-}
-
-#define SKIP_UNLESS_ALLOWED() \
-  if (!allowed()) GTEST_SKIP() << "this user may not raise the precedence of a thread"
-
 TEST(PrecedenceTest, IsTheThreadsOwnForAsLongAsItIsHeld) {
-  SKIP_UNLESS_ALLOWED();
+  SKIP_UNLESS_THREADS_MAY_GO_FIRST();
   const int usual = nice();
   inThread([&] {
     {
       const Precedence precedence;
-      EXPECT_EQ(nice(), usual - 10);
-      inThread([&] { EXPECT_EQ(nice(), usual - 10); });  // a new thread has that of its maker
+      EXPECT_EQ(nice(), tenStepsBefore(usual));
+      inThread(
+          [&] { EXPECT_EQ(nice(), tenStepsBefore(usual)); });  // a new thread has that of its maker
     }
     EXPECT_EQ(nice(), usual);
   });
@@ -44,7 +36,7 @@ TEST(PrecedenceTest, IsTheThreadsOwnForAsLongAsItIsHeld) {
 }
 
 TEST(PrecedenceTest, IsGivenUpWhileItIsWaived) {
-  SKIP_UNLESS_ALLOWED();
+  SKIP_UNLESS_THREADS_MAY_GO_FIRST();
   const int usual = nice();
   inThread([&] {
     const Precedence precedence;
@@ -52,7 +44,7 @@ TEST(PrecedenceTest, IsGivenUpWhileItIsWaived) {
       const Precedence::Waived waived(precedence);
       EXPECT_EQ(nice(), usual);
     }
-    EXPECT_EQ(nice(), usual - 10);
+    EXPECT_EQ(nice(), tenStepsBefore(usual));
   });
 }
 
