@@ -19,14 +19,17 @@ int globalOfName(lua_State* L) {
 template <typename PushName>
 bool pushGlobalOf(lua_State* L, PushName pushName) {
   lua_pushglobaltable(L);
-  pushName();
-  lua_rawget(L, -2);
-  const bool plain = !lua_isnil(L, -1) || !lua_getmetatable(L, -2);
-  if (plain) {
-    lua_remove(L, -2);
-    return true;
+  if (lua_istable(L, -1)) {  // unless a script has put something else in its place
+    pushName();
+    lua_rawget(L, -2);
+    const bool plain = !lua_isnil(L, -1) || !lua_getmetatable(L, -2);
+    if (plain) {
+      lua_remove(L, -2);
+      return true;
+    }
+    lua_pop(L, 2);
   }
-  lua_pop(L, 3);
+  lua_pop(L, 1);
   lua_pushcfunction(L, globalOfName);
   pushName();
   return lua_pcall(L, 1, 1, 0) == LUA_OK;

@@ -10,6 +10,7 @@
 
 namespace {
 
+using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -84,6 +85,20 @@ TEST_F(HostileTest, ARegistryWithOtherValuesDoesNoHarm) {
     EXPECT_EQ("x", lua("return heard")) << other;
     newLines();
   }
+}
+
+TEST_F(HostileTest, WithoutATableOfGlobalsACallIsRefused) {
+  lua("local registry = debug.getregistry() registry[2] = 42 print('lost') registry[2] = _ENV "
+      "print('back')");
+  EXPECT_THAT(newLines(), ElementsAre(kRefused, "3 LUA: back"));
+}
+
+TEST_F(HostileTest, WithoutATableOfGlobalsAnEventIsReported) {
+  lua("debug.getregistry()[2] = 42");
+  newLines();
+  char line[] = "x";
+  net->rcvData(line, 1);
+  EXPECT_THAT(newLines(), Contains("2 lua function error: attempt to index a number value"));
 }
 
 TEST_F(HostileTest, AMissingMpBehindARaisingMetatableIsRefusedToo) {
