@@ -9,7 +9,7 @@ class TimeValue : public timeval {
  public:
   // Stores both numbers as they are: nothing is carried from one into the other, and either may
   // be negative (a delay of 0 s, -1 us is a delay below zero).
-  TimeValue(int sec, int usec) : timeval{sec, usec}, tbuf{} {}
+  TimeValue(int sec, int usec);
   TimeValue(const TimeValue& other);
   TimeValue& operator=(const TimeValue& other);
   ~TimeValue() = default;

@@ -21,6 +21,8 @@ void normalise(timeval& value) {
 
 }  // namespace
 
+TimeValue::TimeValue(int sec, int usec) : timeval{sec, usec}, tbuf{} {}
+
 TimeValue::TimeValue(const TimeValue& other) : timeval(other) {
   std::memcpy(tbuf, other.tbuf, sizeof tbuf);
 }

@@ -142,7 +142,7 @@ void GenericNet::sendCatchAll(MMData& unit) {
 void GenericNet::tellScript(const std::string& text, const char* bytes, int length) {
   static constexpr ScriptEvent kRcvIo = {
       "ROVIK_RCVIO", "lua ROVIK_RCVIO did not return expected timer info, using default timer\n"};
-  if (Drovane::global.logs(LOG_LEVEL_DEBUG)) trace("IO data to lua script\n");
+  trace("IO data to lua script\n");
   const std::string_view data =
       raw ? std::string_view(bytes, static_cast<std::size_t>(length)) : std::string_view(text);
   raise(kRcvIo, [&](lua_State* L) {

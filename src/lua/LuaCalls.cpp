@@ -46,7 +46,7 @@ int toDelay(lua_Number number, int otherwise) {
 
 LuaRovik* LuaRovik::objectOf(lua_State* L) {
   LuaRovik* const owner = script::hostOf(L).owner;
-  script::pushKnownGlobal(L, "m_p");
+  script::pushGlobal(L, "m_p");
   const bool stored = lua_islightuserdata(L, -1) && lua_touserdata(L, -1) == owner;
   lua_pop(L, 1);
   if (stored || owner == nullptr) return owner;
@@ -71,7 +71,7 @@ void LuaRovik::raiseWith(const ScriptEvent& event, PushArguments push, void* con
 
 void LuaRovik::callEvent(int height, const ScriptEvent& event, PushArguments push, void* context) {
   lua_State* const L = lua_state;
-  bool good = script::pushKnownGlobal(L, event.function);
+  bool good = script::pushGlobal(L, event.function);
   if (good) {
     const int arguments = push(L, context);
     if (arguments < 0) {

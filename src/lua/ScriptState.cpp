@@ -16,35 +16,6 @@ int globalOfName(lua_State* L) {
   return 1;
 }
 
-template <typename PushName>
-bool pushGlobalOf(lua_State* L, PushName pushName) {
-  lua_pushglobaltable(L);
-  if (lua_istable(L, -1)) {  // unless a script has put something else in its place
-    pushName();
-    lua_rawget(L, -2);
-    const bool plain = !lua_isnil(L, -1) || !lua_getmetatable(L, -2);
-    if (plain) {
-      lua_remove(L, -2);
-      return true;
-    }
-    lua_pop(L, 2);
-  }
-  lua_pop(L, 1);
-  lua_pushcfunction(L, globalOfName);
-  pushName();
-  return lua_pcall(L, 1, 1, 0) == LUA_OK;
-}
-
-// Kept in the registry under its address: to look for it among all texts takes six times as long.
-void pushKnownText(lua_State* L, const char* text) {
-  lua_rawgetp(L, LUA_REGISTRYINDEX, text);
-  if (lua_type(L, -1) == LUA_TSTRING) return;
-  lua_pop(L, 1);
-  lua_pushstring(L, text);
-  lua_pushvalue(L, -1);
-  lua_rawsetp(L, LUA_REGISTRYINDEX, text);
-}
-
 // The interpreter's allocator, lua_Alloc. `had` tells no size while there is no block.
 void* allocate(void* host, void* block, std::size_t had, std::size_t wanted) {
   auto& count = static_cast<Host*>(host)->held;
@@ -69,11 +40,21 @@ const Host& hostOf(lua_State* L) {
 void guardAgainstPanic(lua_State* L) { lua_atpanic(L, throwPanic); }
 
 bool pushGlobal(lua_State* L, const char* name) {
-  return pushGlobalOf(L, [&] { lua_pushstring(L, name); });
-}
-
-bool pushKnownGlobal(lua_State* L, const char* name) {
-  return pushGlobalOf(L, [&] { pushKnownText(L, name); });
+  lua_pushglobaltable(L);
+  if (lua_istable(L, -1)) {  // unless a script has put something else in its place
+    lua_pushstring(L, name);
+    lua_rawget(L, -2);
+    const bool plain = !lua_isnil(L, -1) || !lua_getmetatable(L, -2);
+    if (plain) {
+      lua_remove(L, -2);
+      return true;
+    }
+    lua_pop(L, 2);
+  }
+  lua_pop(L, 1);
+  lua_pushcfunction(L, globalOfName);
+  lua_pushstring(L, name);
+  return lua_pcall(L, 1, 1, 0) == LUA_OK;
 }
 
 std::string errorText(lua_State* L) {

@@ -25,8 +25,6 @@ void guardAgainstPanic(lua_State* L);
 // protected call: scripts that forbid undeclared globals have one that raises. An error leaves its
 // value on the stack in place of the global and returns false.
 bool pushGlobal(lua_State* L, const char* name);
-// The same for one of few names that are constants, and always the same ones.
-bool pushKnownGlobal(lua_State* L, const char* name);
 
 // The error on top of the stack as text; never null.
 std::string errorText(lua_State* L);
